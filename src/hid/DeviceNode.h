@@ -1,0 +1,33 @@
+// One enumerated camera (its hidraw and video nodes, identity strings and open
+// hidraw device) and the process-wide table of every camera seen so far. A
+// camera's position in DevicePool is its camera index everywhere else.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "hid/cHid.h"
+
+struct DeviceNode {
+  int32_t nEntry = 0;     // size of the list being merged when appended; unused
+  int32_t nReserved = 0;  // carried along, never assigned
+  uint8_t bLinked = 0;    // seen by the latest enumeration
+  std::string sHidPath;   // /dev/hidrawN
+  std::string sUvcPath;   // /dev/videoN of the same camera
+  std::string sSerial;
+  std::string sManufacturer;
+  std::string sProduct;
+  std::string sIdentity;  // serial-videopath-hidrawpath: recognises a camera again
+  // Open hidraw device while attached (KOR_HID_Open .. KOR_HID_Close). Records
+  // are moved, never copied, so exactly one record owns it.
+  std::unique_ptr<cHid> pHid;
+};
+
+// Never shrinks: a camera index, once handed out, stays valid for the process.
+// Not locked: enumeration must not run while other threads use it.
+extern std::vector<DeviceNode> DevicePool;
+extern uint32_t gn_DeviceCount;  // linked records after the last enumeration
+extern uint32_t gn_Vid;          // ids of the last enumeration (low 16 bits)
+extern uint32_t gn_Pid;

@@ -1,0 +1,144 @@
+#include "hid/HidEnumerate.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/hidraw.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "hid/UdevText.h"
+
+namespace {
+
+constexpr int kMaxNodes = 16;
+
+class ScopedFd {
+ public:
+  explicit ScopedFd(int fd) : fd_(fd) {}
+  ~ScopedFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// The whole attribute walk (node and every parent), so that the first match
+// of an attribute is the nearest device that carries it.
+std::string udevWalk(const std::string& node) {
+  return sExec("udevadm info -a -p $(udevadm info -q path -n " + node + ")");
+}
+
+struct VideoNode {
+  std::string path;
+  std::string serial;
+};
+
+std::string hex4(unsigned short id) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%4.4x", id);
+  return text;
+}
+
+}  // namespace
+
+std::vector<DeviceNode> GetInterfaceList(unsigned short vid, unsigned short pid) {
+  gn_Vid = vid;
+  gn_Pid = pid;
+  const std::string vidText = hex4(vid);
+  const std::string pidText = hex4(pid);
+
+  std::vector<VideoNode> videos;
+  for (int n = 0; n < kMaxNodes; ++n) {
+    std::string path = "/dev/video" + std::to_string(n);
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) continue;
+    std::string walk = udevWalk(path);
+    if (sGetString(walk, "ATTRS{idVendor}") != vidText ||
+        sGetString(walk, "ATTRS{idProduct}") != pidText)
+      continue;
+    videos.push_back({path, sGetString(walk, "ATTRS{serial}")});
+  }
+
+  std::vector<DeviceNode> result;
+  for (int n = 0; n < kMaxNodes; ++n) {
+    std::string path = "/dev/hidraw" + std::to_string(n);
+    ScopedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+      // hidraw numbers have no gaps: the first missing node ends the search.
+      if (errno == ENOENT) break;
+      continue;
+    }
+    hidraw_devinfo info{};
+    if (::ioctl(fd.get(), HIDIOCGRAWINFO, &info) < 0) {
+      std::perror("HIDIOCGRAWINFO");
+      continue;
+    }
+    if (static_cast<uint16_t>(info.vendor) != static_cast<uint16_t>(gn_Vid) ||
+        static_cast<uint16_t>(info.product) != static_cast<uint16_t>(gn_Pid))
+      continue;
+
+    std::string walk = udevWalk(path);
+    std::string serial = sGetString(walk, "ATTRS{serial}");
+    std::string uvcPath;
+    for (const auto& v : videos) {
+      if (v.serial == serial) {
+        uvcPath = v.path;
+        break;
+      }
+    }
+    if (uvcPath.empty()) continue;
+
+    DeviceNode node;
+    node.sHidPath = path;
+    node.sUvcPath = uvcPath;
+    node.sIdentity = serial + "-" + uvcPath + "-" + path;
+    node.sManufacturer = sGetString(walk, "ATTRS{manufacturer}");
+    node.sSerial = sGetString(walk, "ATTRS{serial}");
+    node.sProduct = sGetString(walk, "ATTRS{product}");
+    result.push_back(std::move(node));
+  }
+  return result;
+}
+
+uint8_t KOR_HID_Enumerate(unsigned short vid, unsigned short pid) {
+  std::vector<DeviceNode> list = GetInterfaceList(vid, pid);
+  const auto listSize = static_cast<int32_t>(list.size());
+
+  for (auto& p : DevicePool) p.bLinked = 0;
+
+  for (auto& r : list) {
+    DeviceNode* known = nullptr;
+    for (auto& p : DevicePool) {
+      if (p.sIdentity == r.sIdentity) {
+        known = &p;
+        break;
+      }
+    }
+    if (known != nullptr) {
+      known->bLinked = 1;
+      if (known->sHidPath != r.sHidPath) known->sHidPath = r.sHidPath;
+      if (known->sUvcPath != r.sUvcPath) known->sUvcPath = r.sUvcPath;
+      continue;
+    }
+    r.nEntry = listSize;
+    r.bLinked = 1;
+    r.pHid.reset();
+    DevicePool.push_back(std::move(r));
+  }
+
+  gn_Vid = vid;
+  gn_Pid = pid;
+  uint32_t linked = 0;
+  for (const auto& p : DevicePool)
+    if (p.bLinked != 0) ++linked;
+  gn_DeviceCount = linked;
+  return static_cast<uint8_t>(gn_DeviceCount);
+}

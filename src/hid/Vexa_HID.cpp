@@ -1,0 +1,431 @@
+#include "hid/Vexa_HID.h"
+
+#include <time.h>
+
+#include <cstring>
+
+#include "hid/DecodeError.h"
+#include "hid/KOR_HID.h"
+#include "support/LibLogs.h"
+
+namespace {
+
+constexpr uint8_t kReportCommand = 1;
+constexpr uint8_t kReportEvent = 2;
+constexpr uint8_t kCmdRead = 0x5C;
+constexpr uint8_t kCmdWrite = 0x5D;
+constexpr uint8_t kCmdFileQuery = 0xC8;
+constexpr uint8_t kCmdXmlChunk = 0x4E;
+constexpr uint8_t kFileQuerySize = 0x10;
+constexpr uint8_t kFileQuerySha = 0x30;
+constexpr uint16_t kAcquisitionRegister = 0x0650;
+constexpr int kReportSize = 64;
+constexpr int kAnswerTimeoutS = 5;
+constexpr int kXmlChunk = 1024;
+constexpr int kShaSize = 20;
+constexpr int kMemMax = 60;
+
+class PthreadLock {
+ public:
+  explicit PthreadLock(pthread_mutex_t& m) : m_(m) { pthread_mutex_lock(&m_); }
+  ~PthreadLock() { pthread_mutex_unlock(&m_); }
+  PthreadLock(const PthreadLock&) = delete;
+  PthreadLock& operator=(const PthreadLock&) = delete;
+
+ private:
+  pthread_mutex_t& m_;
+};
+
+const char* text(const std::string& s) { return s.c_str(); }
+
+}  // namespace
+
+Vexa_HID::Vexa_HID()
+    : event{},
+      bInitialized(0),
+      uvcIndex{},
+      acquisitionEnabled{},
+      nSeq(0),
+      nPayloadOffset(4),
+      nExpectedId(0),
+      nStatus(0),
+      payload{},
+      bAnswer(0) {
+  for (uint32_t i = 0; i < 256; ++i) uvcIndex[i] = i;
+  pthread_mutex_init(&mutex, nullptr);
+  // Monotonic, so that a wall-clock step cannot stretch or cut the 5-s wait.
+  pthread_condattr_t attr;
+  pthread_condattr_init(&attr);
+  pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+  pthread_cond_init(&cond, &attr);
+  pthread_condattr_destroy(&attr);
+  LIBLog.Trace("Vexa_HID::Vexa_HID() done\n");
+}
+
+Vexa_HID::~Vexa_HID() {
+  // Every attached camera is closed, linked or not: a reader thread left
+  // running would call back into this destroyed object.
+  for (int cam = 0; cam < 256; ++cam) KOR_HID_Close(static_cast<uint8_t>(cam));
+  if (bInitialized) KOR_HID_DeInit();
+  pthread_cond_destroy(&cond);
+  pthread_mutex_destroy(&mutex);
+}
+
+uint8_t Vexa_HID::Init() {
+  LIBLog.Trace("Vexa_HID::Init()\n");
+  auto r = static_cast<uint8_t>(KOR_HID_Init());
+  if (r != 0) {
+    LIBLog.Error("Vexa_HID::Init: cannot open the dll interface\n");
+  } else {
+    bInitialized = 1;
+  }
+  return r;
+}
+
+uint8_t Vexa_HID::Enumerate(uint16_t vid, uint16_t pid, uint8_t* count) {
+  uint8_t n = KOR_HID_Enumerate(vid, pid);
+  if (count != nullptr) *count = n;
+  LIBLog.Trace("Vexa_HID::Enumerate: enumerated %d devices\n", n);
+  return 0;
+}
+
+void Vexa_HID::SetUvcIndex(uint8_t cam, uint8_t uvc) { uvcIndex[cam] = uvc; }
+
+int Vexa_HID::IsLinked(uint8_t cam) { return KOR_HID_IsLinked(cam); }
+
+bool Vexa_HID::IsAcquisitionEnabled(uint8_t cam) { return acquisitionEnabled[cam] != 0; }
+
+void Vexa_HID::DisableAcquisition(uint8_t cam) {
+  acquisitionEnabled[cam] = 0;
+  LIBLog.Trace("Vexa_HID::DisableAcquisition(%d) acquisition disabled\n", cam);
+}
+
+int Vexa_HID::Open(uint8_t cam, int /*unused*/) {
+  LIBLog.Trace("Vexa_HID::Open: open cam with index nr:%d\n", cam);
+  if (KOR_HID_Open(cam) != 0) return -101;
+  if (KOR_HID_SetCallbackHid(cam, &Vexa_HID::ReceiveCallbackHidStatic, this) != 0) {
+    LIBLog.Error("Vexa_HID::Open: error setting callback while opening cam with index nr:%d\n",
+                 cam);
+    return -102;
+  }
+  return 0;
+}
+
+int Vexa_HID::Close(uint8_t cam) {
+  LIBLog.Trace("Vexa_HID::Close: close cam with index nr:%d\n", cam);
+  return KOR_HID_Close(cam);
+}
+
+int Vexa_HID::GetSerialNumber(uint8_t cam, char* buf, int len) {
+  return KOR_HID_GetSerialNumber(cam, buf, len);
+}
+
+int Vexa_HID::GetManufacturer(uint8_t cam, char* buf, int len) {
+  return KOR_HID_GetManufacturer(cam, buf, len);
+}
+
+int Vexa_HID::GetProduct(uint8_t cam, char* buf, int len) {
+  return KOR_HID_GetProduct(cam, buf, len);
+}
+
+int Vexa_HID::GetDevicePath(uint8_t cam, char* buf, int len) {
+  return KOR_HID_GetDevicePath(cam, buf, len);
+}
+
+int Vexa_HID::GetDevicePathUVC(uint8_t cam, char* buf, int len) {
+  return KOR_HID_GetDevicePathUVC(cam, buf, len);
+}
+
+void Vexa_HID::expect(uint16_t id, int payloadOffset) {
+  PthreadLock guard(mutex);
+  nExpectedId = id;
+  if (payloadOffset >= 0) nPayloadOffset = payloadOffset;
+}
+
+int Vexa_HID::currentStatus() {
+  PthreadLock guard(mutex);
+  return nStatus;
+}
+
+bool Vexa_HID::waitAnswer(Answer& answer) {
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += kAnswerTimeoutS;
+
+  PthreadLock guard(mutex);
+  bool arrived = true;
+  // An answer already flagged (possibly a late one meant for an earlier
+  // command) is taken as this command's answer.
+  if (bAnswer == 0) {
+    int rc = 0;
+    for (;;) {
+      rc = pthread_cond_timedwait(&cond, &mutex, &deadline);
+      if (bAnswer != 0 || rc != 0) break;
+    }
+    // A time-out stays a time-out even if the answer landed as it expired.
+    arrived = rc == 0;
+  }
+  bAnswer = 0;
+  answer.status = nStatus;
+  std::memcpy(answer.payload, payload, sizeof payload);
+  return arrived;
+}
+
+int Vexa_HID::GetFunc(uint8_t cam, uint16_t id, uint8_t* data, int len) {
+  LIBLog.Trace("Vexa_HID::GetFunc()\n");
+  expect(id, 3);
+  uint8_t request[4] = {};
+  if (data != nullptr) std::memcpy(request, data, 3);
+  auto sent = static_cast<uint8_t>(
+      KOR_HID_Report(cam, kReportCommand, static_cast<uint8_t>(id), request, sizeof request));
+  if (sent != 0) {
+    int status = currentStatus();
+    if (status != 0) {
+      LIBLog.Error("Vexa_HID::GetFunc command error:%d : %s\n", status, text(DecodeError(status)));
+      return status;
+    }
+    return sent;
+  }
+  Answer answer;
+  if (!waitAnswer(answer)) {
+    LIBLog.Error("Vexa_HID::SetFunc command error:%d : %s\n", HID_ERROR_TIMEOUT,
+                 text(DecodeError(HID_ERROR_TIMEOUT)));
+    return HID_ERROR_TIMEOUT;
+  }
+  if (answer.status != 0) {
+    LIBLog.Error("Vexa_HID::GetFunc command error:%d : %s\n", answer.status,
+                 text(DecodeError(answer.status)));
+    return answer.status;
+  }
+  if (len >= 1 && data != nullptr)
+    std::memcpy(data, answer.payload, len < kReportSize ? len : kReportSize);
+  return 0;
+}
+
+int Vexa_HID::GetInt32(uint8_t cam, uint16_t adr, uint32_t* value) {
+  LIBLog.Trace("Vexa_HID::GetInt32(%d) adr:%4.4x\n", cam, adr);
+  expect(kCmdRead, 4);
+  uint8_t request[6] = {static_cast<uint8_t>(nSeq), static_cast<uint8_t>(adr & 0xFF),
+                        static_cast<uint8_t>(adr >> 8)};
+  auto sent =
+      static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdRead, request, sizeof request));
+  if (sent != 0) {
+    int status = currentStatus();
+    if (status != 0) {
+      LIBLog.Error("Vexa_HID::GetInt32 command error:%d : %s\n", status, text(DecodeError(status)));
+      return status;
+    }
+    LIBLog.Error("Vexa_HID::GetInt32 error:%d : %s\n", sent, text(DecodeError(sent)));
+    return sent;
+  }
+  Answer answer;
+  if (!waitAnswer(answer)) {
+    LIBLog.Error("Vexa_HID::GetInt32 command error:%d : %s\n", HID_ERROR_TIMEOUT,
+                 text(DecodeError(HID_ERROR_TIMEOUT)));
+    return HID_ERROR_TIMEOUT;
+  }
+  if (answer.status != 0) {
+    LIBLog.Error("Vexa_HID::GetInt32 command error:%d : %s\n", answer.status,
+                 text(DecodeError(answer.status)));
+    return answer.status;
+  }
+  uint32_t v = static_cast<uint32_t>(answer.payload[1]) |
+               static_cast<uint32_t>(answer.payload[2]) << 8 |
+               static_cast<uint32_t>(answer.payload[3]) << 16 |
+               static_cast<uint32_t>(answer.payload[4]) << 24;
+  if (value != nullptr) *value = v;
+  LIBLog.Trace("Vexa_HID::GetInt32 [end] val:%x\n", v);
+  return 0;
+}
+
+int Vexa_HID::SetInt32(uint8_t cam, uint16_t adr, uint32_t value) {
+  LIBLog.Trace("Vexa_HID::SetInt32(%d) adr:%4.4x val:%4.4x\n", cam, adr, value);
+  // Recorded before sending and kept even if the write fails.
+  if (adr == kAcquisitionRegister && value != 0) {
+    if (acquisitionEnabled[cam] == 0)
+      LIBLog.Trace("Vexa_HID::SetInt32(%d) acquisition enabled\n", cam);
+    acquisitionEnabled[cam] = 1;
+  }
+  expect(kCmdWrite, -1);
+  uint8_t request[8] = {static_cast<uint8_t>(nSeq),         static_cast<uint8_t>(adr & 0xFF),
+                        static_cast<uint8_t>(adr >> 8),     static_cast<uint8_t>(value),
+                        static_cast<uint8_t>(value >> 8),   static_cast<uint8_t>(value >> 16),
+                        static_cast<uint8_t>(value >> 24),  0};
+  auto sent = static_cast<uint8_t>(
+      KOR_HID_Report(cam, kReportCommand, kCmdWrite, request, sizeof request));
+  if (sent != 0) {
+    int status = currentStatus();
+    if (status != 0) {
+      LIBLog.Error("Vexa_HID::SetInt32 command error:%d : %s\n", status, text(DecodeError(status)));
+      return status;
+    }
+    LIBLog.Error("Vexa_HID::SetInt32 error:%d : %s\n", sent, text(DecodeError(sent)));
+    return sent;
+  }
+  Answer answer;
+  if (!waitAnswer(answer)) {
+    LIBLog.Error("Vexa_HID::SetInt32 command error:%d : %s\n", HID_ERROR_TIMEOUT,
+                 text(DecodeError(HID_ERROR_TIMEOUT)));
+    return HID_ERROR_TIMEOUT;
+  }
+  if (answer.status != 0) {
+    LIBLog.Error("Vexa_HID::SetInt32 command error:%d : %s\n", answer.status,
+                 text(DecodeError(answer.status)));
+    return answer.status;
+  }
+  return 0;
+}
+
+int Vexa_HID::GetXMLSize(uint8_t cam, int* size) {
+  LIBLog.Trace("Vexa_HID::GetXMLSize(%d)\n", cam);
+  uint8_t data[8] = {kFileQuerySize, 4};
+  int status = GetFunc(cam, kCmdFileQuery, data, 4);
+  if (status != 0) {
+    LIBLog.Error("Vexa_HID::GetXMLSize error: %s", text(DecodeError(status)));
+    return status;
+  }
+  // Big-endian, unlike the register values.
+  auto n = static_cast<int>(static_cast<uint32_t>(data[0]) << 24 |
+                            static_cast<uint32_t>(data[1]) << 16 |
+                            static_cast<uint32_t>(data[2]) << 8 | data[3]);
+  if (size != nullptr) *size = n;
+  LIBLog.Trace("Vexa_HID::GetXMLSize(%d) size:%d\n", cam, n);
+  return 0;
+}
+
+uint8_t Vexa_HID::GetXMLSHA(uint8_t cam, char* buf, int len) {
+  LIBLog.Trace("Vexa_HID::GetXMLSHA(%d)\n", cam);
+  uint8_t data[kReportSize] = {kFileQuerySha, kShaSize};
+  int status = GetFunc(cam, kCmdFileQuery, data, kShaSize);
+  if (status != 0) {
+    LIBLog.Error("Vexa_HID::GetXMLSHA error: %s", text(DecodeError(status)));
+    return 0;
+  }
+  if (len != kShaSize || buf == nullptr) {
+    LIBLog.Error("Vexa_HID::GetXMLSHA error: buffer size must be 20");
+    return 0;
+  }
+  std::memcpy(buf, data, kShaSize);
+  return 1;
+}
+
+int Vexa_HID::ReadMem(uint8_t cam, int adr, char* buf, int len) {
+  LIBLog.Trace("Vexa_HID::ReadMem(%d) adr:%4.4x\n", cam, adr);
+  int n = len < kMemMax ? len : kMemMax;
+  uint8_t data[kReportSize] = {0, static_cast<uint8_t>(adr & 0xFF),
+                               static_cast<uint8_t>((adr >> 8) & 0xFF)};
+  int status = GetFunc(cam, kCmdRead, data, n);
+  if (status != 0) {
+    LIBLog.Error("Vexa_HID::ReadMem error: %s", text(DecodeError(status)));
+    return status;
+  }
+  // A len below 1 has no room for the terminator: nothing is written.
+  if (n >= 1 && buf != nullptr) {
+    data[n - 1] = 0;
+    // strncpy semantics: the string, then zeros up to n bytes.
+    const char* text = reinterpret_cast<const char*>(data);
+    size_t k = strnlen(text, static_cast<size_t>(n));
+    std::memcpy(buf, text, k);
+    std::memset(buf + k, 0, static_cast<size_t>(n) - k);
+  }
+  return 0;
+}
+
+int Vexa_HID::ReadXML(uint8_t cam, char* buf, int len) {
+  LIBLog.Trace("Vexa_HID::ReadXML(%d)\n", cam);
+  uint8_t request[8] = {kFileQuerySize, 4};
+  int status = GetFunc(cam, kCmdFileQuery, request, 4);
+  if (status != 0) {
+    LIBLog.Error("Vexa_HID::ReadXML error: %s", text(DecodeError(status)));
+    return status;
+  }
+  auto size = static_cast<int>(static_cast<uint32_t>(request[0]) << 24 |
+                               static_cast<uint32_t>(request[1]) << 16 |
+                               static_cast<uint32_t>(request[2]) << 8 | request[3]);
+  if (size > len || (buf == nullptr && size > 0)) {
+    LIBLog.Error("Vexa_HID::ReadXML error: supplied buffer not sufficient for XML download!");
+    return -101;
+  }
+  if (size == 0) return 0;
+
+  uint8_t feature[kXmlChunk] = {};
+  int remaining = size;
+  for (int i = 0; remaining > 0; ++i) {
+    int chunk = remaining < kXmlChunk ? remaining : kXmlChunk;
+    // Bytes 0 and 3 keep what the size answer left there.
+    request[1] = static_cast<uint8_t>(i & 0xFF);
+    request[2] = static_cast<uint8_t>((i >> 8) & 0xFF);
+    LIBLog.Trace("Vexa_HID::SetFunc()\n");
+    expect(kCmdXmlChunk, -1);
+    auto sent =
+        static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdXmlChunk, request, 4));
+    if (sent != 0) {
+      std::string why = DecodeError(sent);
+      LIBLog.Error("Vexa_HID::SetFunc error:%d : %s\n", sent, text(why));
+      LIBLog.Error("Vexa_HID::ReadXML error: %s @SetFunc", text(why));
+      return -102;
+    }
+    Answer answer;
+    int failure = 0;
+    if (!waitAnswer(answer))
+      failure = HID_ERROR_TIMEOUT;
+    else if (answer.status != 0)
+      failure = answer.status;
+    if (failure != 0) {
+      std::string why = DecodeError(failure);
+      LIBLog.Error("Vexa_HID::SetFunc command error:%d : %s\n", failure, text(why));
+      LIBLog.Error("Vexa_HID::ReadXML error: %s @SetFunc", text(why));
+      return -102;
+    }
+    auto got = static_cast<uint8_t>(KOR_HID_FeatureRd(cam, kReportCommand, feature, kXmlChunk));
+    if (got != 0) {
+      LIBLog.Error("Vexa_HID::ReadXML error: %s @KOR_HID_FeatureRd", text(DecodeError(got)));
+      return -103;
+    }
+    std::memcpy(buf + static_cast<size_t>(i) * kXmlChunk, feature, static_cast<size_t>(chunk));
+    remaining -= chunk;
+  }
+  return 0;
+}
+
+int Vexa_HID::ReceiveCallbackHid(const uint8_t* report) {
+  if (report == nullptr) return 0;
+  PthreadLock guard(mutex);
+  // Logged under the lock so a woken caller's own messages come after these.
+  if (report[0] == kReportCommand) {
+    if (report[1] != nExpectedId) {
+      LIBLog.Error("Vexa_HID::ReceiveCallbackHid: cmd rd --> wrong id %d %d \n", report[1],
+                   nExpectedId);
+      nStatus = HID_ERROR_PROTOCOL_WRONG_ID;
+    } else if (report[2] != 0) {
+      LIBLog.Error("Vexa_HID::ReceiveCallbackHid: cmd rd --> protocol error %d \n", report[2]);
+      nStatus = report[2];
+    } else {
+      nStatus = 0;
+      // The report is 64 bytes: what lies past its end reads as zero.
+      int offset = nPayloadOffset < 0 ? 0 : nPayloadOffset > kReportSize ? kReportSize
+                                                                           : nPayloadOffset;
+      std::memset(payload, 0, sizeof payload);
+      std::memcpy(payload, report + offset, static_cast<size_t>(kReportSize - offset));
+    }
+    bAnswer = 1;
+    pthread_cond_signal(&cond);
+  } else if (report[0] == kReportEvent) {
+    std::memcpy(event, report, sizeof event);
+    LIBLog.Trace("Vexa_HID::ReceiveCallbackHid: event rd %x %x %x %x \n", 2, report[1], report[2],
+                 report[3]);
+  } else {
+    LIBLog.Trace("Vexa_HID::ReceiveCallbackHid: unknown id \n");
+  }
+  return 0;
+}
+
+int Vexa_HID::ReceiveCallbackHidStatic(unsigned char* report, void* ctx) {
+  if (ctx == nullptr) return -3;
+  return static_cast<Vexa_HID*>(ctx)->ReceiveCallbackHid(report);
+}
+
+void Vexa_HID::LastEvent(uint8_t out[12]) {
+  PthreadLock guard(mutex);
+  std::memcpy(out, event, sizeof event);
+}
