@@ -1,0 +1,142 @@
+#include "support/TqUvcThread.h"
+
+#include <gtest/gtest.h>
+#include <rklog.h>
+#include <rkosdep.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "LogCapture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+template <typename Pred>
+bool waitUntil(Pred pred, std::chrono::milliseconds timeout = 5s) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+// Observes the body from outside; lives longer than the thread object.
+struct Probe {
+  std::atomic<int> setups{0};
+  std::atomic<int> runs{0};
+  std::atomic<void*> arg{nullptr};
+  std::atomic<bool> inBody{false};
+  std::atomic<bool> unwound{false};
+};
+
+class WorkerThread : public TqUvcThread {
+ public:
+  WorkerThread(const char* name, Probe& probe, bool honourExit)
+      : TqUvcThread(name), probe_(probe), honourExit_(honourExit) {}
+  ~WorkerThread() override { Stop(5000); }
+
+  int Start(void* arg) { return StartThread(arg); }
+
+  void Setup() override { probe_.setups++; }
+
+  int Execute(void* arg) override {
+    struct UnwindMark {
+      Probe& p;
+      ~UnwindMark() { p.unwound = true; }
+    } mark{probe_};
+    probe_.arg = arg;
+    probe_.runs++;
+    probe_.inBody = true;
+    // RkOsSleep is a cancellation point, so a forced termination can end the stubborn body.
+    while (!honourExit_ || !ExitRequested()) RkOsSleep(1);
+    probe_.inBody = false;
+    return 0;
+  }
+
+ private:
+  Probe& probe_;
+  const bool honourExit_;
+};
+
+TEST(SupportThread, NamesAreDefaultedAndCut) {
+  Probe probe;
+  WorkerThread unnamed(nullptr, probe, true);
+  EXPECT_STREQ(unnamed.Name(), "TqUvc::");
+  WorkerThread longName("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789", probe, true);
+  EXPECT_STREQ(longName.Name(), "ABCDEFGHIJKLMNOPQRSTUVWXYZ01234");
+}
+
+TEST(SupportThread, StopOnANeverStartedObjectDoesNothing) {
+  tqtest::LogCapture log;
+  Probe probe;
+  {
+    WorkerThread thread("HotPlugThread", probe, true);
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_FALSE(thread.ExitRequested());
+    EXPECT_EQ(thread.Stop(10000), 0);
+    EXPECT_EQ(thread.Stop(0), 0);
+  }
+  EXPECT_TRUE(log.lines().empty());
+  EXPECT_EQ(probe.runs, 0);
+}
+
+TEST(SupportThread, BodyHonouringTheExitEventStopsInTimeAndCanRunAgain) {
+  tqtest::LogCapture log;
+  Probe probe;
+  WorkerThread thread("Honour", probe, true);
+  int token = 0;
+  for (int run = 1; run <= 2; ++run) {
+    SCOPED_TRACE(run);
+    ASSERT_EQ(thread.Start(&token), 0);
+    EXPECT_TRUE(thread.IsRunning());
+    ASSERT_TRUE(waitUntil([&] { return probe.runs == run && probe.inBody; }));
+    EXPECT_EQ(probe.setups, run);
+    EXPECT_EQ(probe.arg, &token);
+
+    EXPECT_EQ(thread.Stop(5000), 0);
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_FALSE(probe.inBody);
+    EXPECT_EQ(log.count("TqUvcThread::Stop: thread \"Honour\" stopped in ", RKLOG_DEBUG), static_cast<size_t>(run));
+  }
+  EXPECT_EQ(log.count("needed to terminate"), 0u);
+  EXPECT_EQ(thread.Stop(5000), 0);
+  EXPECT_EQ(log.count("TqUvcThread::Stop"), 2u);
+}
+
+TEST(SupportThread, BodyIgnoringTheExitEventIsTerminatedAfterTheTimeout) {
+  tqtest::LogCapture log;
+  Probe probe;
+  WorkerThread thread("Stubborn", probe, false);
+  ASSERT_EQ(thread.Start(nullptr), 0);
+  ASSERT_TRUE(waitUntil([&] { return probe.inBody.load(); }));
+
+  EXPECT_NE(thread.Stop(100), 0);
+  EXPECT_FALSE(thread.IsRunning());
+  // The forced end unwinds the body's stack rather than leaving it running.
+  EXPECT_TRUE(waitUntil([&] { return probe.unwound.load(); }));
+
+  const auto lines = log.lines();
+  int errors = 0;
+  for (const auto& l : lines) {
+    if (l.level != RKLOG_ERROR || l.source != "UVC") continue;
+    ++errors;
+    int ms = -1;
+    void* handle = nullptr;
+    ASSERT_EQ(sscanf(l.text.c_str(), "TqUvcThread::Stop: needed to terminate Stubborn thread (after %d ms) [handle:%p]",
+                     &ms, &handle),
+              2)
+        << l.text;
+    EXPECT_GE(ms, 100);
+    EXPECT_LT(ms, 5000);
+  }
+  EXPECT_EQ(errors, 1);
+  EXPECT_EQ(log.count("stopped in"), 0u);
+}
+
+}  // namespace
