@@ -1,0 +1,93 @@
+#include "hid/DecodeError.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct CodeText {
+  int code;
+  const char* text;
+};
+
+const CodeText kTexts[] = {
+    {1, "Error: VX_UVC_STATUS_UNKNOWN_ERROR"},
+    {2, "Error: VX_UVC_STATUS_BAD_ARGUMENT"},
+    {3, "Error: VX_UVC_STATUS_INVALID_CMD_ID"},
+    {4, "Error: VX_UVC_STATUS_NOT_IMPLEMENTED"},
+    {5, "Error: VX_UVC_STATUS_NOT_AVAILABLE"},
+    {6, "Error: VX_UVC_STATUS_INVALID_DATA_BLOCK"},
+    {7, "Error: VX_UVC_STATUS_INVALID_CHUNK_ID"},
+    {8, "Error: VX_UVC_STATUS_DATA_BLOCK_TOO_LARGE"},
+    {9, "Error: VX_UVC_STATUS_MISSSING_DATA_CHUNKS"},
+    {10, "Error: VX_UVC_STATUS_SENSOR_DISABLED"},
+    {11, "Error: VX_UVC_STATUS_USB_RD_ERR"},
+    {12, "Error: VX_UVC_STATUS_USB_WR_ERR"},
+    {13, "Error: VX_UVC_STATUS_FLASH_RD_ERR"},
+    {14, "Error: VX_UVC_STATUS_FLASH_WR_ERR"},
+    {15, "Error: VX_UVC_STATUS_OUT_OF_RANGE"},
+    {16, "Error: VX_UVC_STATUS_HW_ERR"},
+    {17, "Error: VX_UVC_STATUS_NOT_IF_STREAMING_ERROR"},
+    {18, "Error: RX2_STATUS_HW_ERR_FPGA"},
+    {-1, "Error: HID_ERROR_TIMEOUT"},
+    {-2, "Error: HID_ERROR_PROTOCOL_WRONG_ID"},
+    {-3, "Error: HID_ERROR_PROTOCOL_UNDEFINED"},
+    {-4, "Error: unknown error code"},
+    {19, "Error: unknown error code"},
+    {255, "Error: unknown error code"},
+    {-101, "Error: unknown error code"},
+};
+
+TEST(DecodeError, EveryCodeHasItsText) {
+  for (const auto& c : kTexts) EXPECT_EQ(DecodeError(c.code), c.text) << "code " << c.code;
+}
+
+TEST(DecodeError, ZeroRepeatsThePreviousText) {
+  DecodeError(5);
+  EXPECT_EQ(DecodeError(0), "Error: VX_UVC_STATUS_NOT_AVAILABLE");
+  DecodeError(-1);
+  EXPECT_EQ(DecodeError(0), "Error: HID_ERROR_TIMEOUT");
+}
+
+TEST(DecodeError, ConcurrentCallersGetWholeTexts) {
+  std::set<std::string> valid;
+  for (const auto& c : kTexts) valid.insert(c.text);
+  std::vector<std::thread> threads;
+  std::vector<int> bad(4, 0);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &valid, &bad] {
+      for (int i = 0; i < 2000; ++i) {
+        const auto& c = kTexts[(t * 7 + i) % (sizeof kTexts / sizeof kTexts[0])];
+        if (valid.count(DecodeError(c.code)) == 0) ++bad[t];
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(bad[t], 0);
+}
+
+TEST(StatusTables, GenCpAndU3vNamesAndTexts) {
+  EXPECT_STREQ(GenCpStatusName(0x8007), "GENCP_BUSY");
+  EXPECT_STREQ(GenCpStatusText(0x8007), "The command receiver is currently busy.");
+  EXPECT_STREQ(GenCpStatusName(0x8001), "");
+  EXPECT_STREQ(GenCpStatusText(0x8001), "Command not implemented in the device.");
+  EXPECT_STREQ(GenCpStatusText(0x8006),
+               "Attempt to read a non-readable or write a non-writable register address. 0x8007 "
+               "GENCP_BUSY The command receiver is currently busy.");
+  EXPECT_STREQ(GenCpStatusText(0x800F),
+               "The current receiver configuration does not allow the execution of the sent "
+               "command. 0x8FFF GENCP_ERROR Generic error.");
+  EXPECT_STREQ(GenCpStatusName(0x8FFF), "GENCP_ERROR");
+  EXPECT_STREQ(GenCpStatusName(0xC001), "UNKNOWN");
+  EXPECT_STREQ(GenCpStatusText(0xC001), "Unknown GenCP error");
+
+  EXPECT_STREQ(U3vStatusName(0xA003), "U3V_STATUS_SI_PAYLOAD_SIZE_NOT_ALIGNED");
+  EXPECT_STREQ(U3vStatusShortName(0xA004), "SI_REGISTERS_INCONSISTENT");
+  EXPECT_EQ(U3vStatusName(0xA005), nullptr);
+}
+
+}  // namespace
