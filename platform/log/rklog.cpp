@@ -1,4 +1,5 @@
 // The exported C functions of libtq.log.
+#include <pthread.h>
 #include <rklog.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,6 +16,19 @@
 namespace {
 
 constexpr int kMaxPrintedIndent = 64;  // keeps runaway nesting from bloating lines
+
+// A thread cancelled inside write() would leave a torn line and a held
+// mutex; logging defers cancellation until it is done.
+class NoCancel {
+ public:
+  NoCancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old_); }
+  ~NoCancel() { pthread_setcancelstate(old_, nullptr); }
+  NoCancel(const NoCancel&) = delete;
+  NoCancel& operator=(const NoCancel&) = delete;
+
+ private:
+  int old_ = PTHREAD_CANCEL_ENABLE;
+};
 
 thread_local int indentSteps = 0;
 thread_local unsigned long cachedThreadId = 0;
@@ -94,6 +108,8 @@ TQ_EXPORT int rklog_Enabled(unsigned int source, unsigned int level) {
 
 TQ_EXPORT void rklog_WriteArgList(unsigned int source, unsigned int level, const char* userId,
                                   const char* fmt, va_list args) {
+  if ((tqlog::enabledLevels(source) & level) == 0) return;
+  NoCancel noCancel;
   try {
     writeLine(source, level, userId, fmt, args);
   } catch (...) {
@@ -108,6 +124,7 @@ TQ_EXPORT void rklog_DecIndent(const void*) {
 }
 
 TQ_EXPORT void rklog_Configure(const char* spec) {
+  NoCancel noCancel;
   try {
     tqlog::configure(spec);
     if (!spec) tqlog::resetOutput();

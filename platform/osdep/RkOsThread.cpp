@@ -1,0 +1,183 @@
+// Thread objects: start, timed wait, forced termination, reclaim.
+//
+// A thread that outlives its object (terminated but not ended, then detached)
+// must not touch the object again, so the running side keeps its state in a
+// slot of a static table and reaches the object only while it is attached.
+#include <cxxabi.h>
+#include <rkosdep.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "OsLog.h"
+
+namespace {
+
+constexpr size_t kMaxThreads = 256;
+constexpr uint32_t kTerminateGraceMs = 500;
+
+struct Slot {
+  bool inUse;
+  bool detached;  // the object let go; the thread frees the slot when it ends
+  RkOsThread* owner;
+  RkOsThreadFn fn;
+  void* arg;
+};
+
+// Trivially destructible, so detached threads may still finish during exit.
+std::mutex slotMutex;
+Slot slots[kMaxThreads];
+
+Slot* findSlotLocked(const RkOsThread* t) {
+  for (Slot& s : slots)
+    if (s.inUse && !s.detached && s.owner == t) return &s;
+  return nullptr;
+}
+
+// Marks the end of the body on every way out, including cancellation.
+class EndMarker {
+ public:
+  explicit EndMarker(Slot* slot) : slot_(slot) {}
+  ~EndMarker() {
+    std::lock_guard<std::mutex> lock(slotMutex);
+    if (slot_->detached) {
+      slot_->inUse = false;
+      return;
+    }
+    RkOsThread* t = slot_->owner;
+    pthread_mutex_lock(&t->mutex);
+    t->finished = 1;
+    pthread_cond_broadcast(&t->cond);
+    pthread_mutex_unlock(&t->mutex);
+  }
+  EndMarker(const EndMarker&) = delete;
+  EndMarker& operator=(const EndMarker&) = delete;
+
+ private:
+  Slot* slot_;
+};
+
+void* trampoline(void* p) {
+  auto* slot = static_cast<Slot*>(p);
+  EndMarker marker(slot);
+  try {
+    return slot->fn(slot->arg);
+  } catch (abi::__forced_unwind&) {
+    throw;  // cancellation must unwind to the end
+  } catch (...) {
+    tqos::osLog(RKLOG_ERROR, "RkOsThread: thread body ended with an exception");
+  }
+  return nullptr;
+}
+
+// Waits on the object's condition until its body ended; false on time-out.
+bool waitFinished(RkOsThread* t, uint32_t timeoutMs) {
+  struct timespec deadline = tqos::deadlineAfter(timeoutMs == RKOS_INFINITE ? 0 : timeoutMs);
+  pthread_mutex_lock(&t->mutex);
+  bool ended = true;
+  while (!t->finished) {
+    if (timeoutMs == RKOS_INFINITE) {
+      pthread_cond_wait(&t->cond, &t->mutex);
+    } else if (timeoutMs == 0 ||
+               pthread_cond_timedwait(&t->cond, &t->mutex, &deadline) == ETIMEDOUT) {
+      ended = t->finished != 0;
+      break;
+    }
+  }
+  pthread_mutex_unlock(&t->mutex);
+  return ended;
+}
+
+}  // namespace
+
+TQ_EXPORT void RkOsInvalidateThread(RkOsThread* t, const char* name) {
+  if (!t) return;
+  memset(&t->handle, 0, sizeof(t->handle));
+  pthread_mutex_init(&t->mutex, nullptr);
+  pthread_condattr_t attr;
+  pthread_condattr_init(&attr);
+  pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+  pthread_cond_init(&t->cond, &attr);
+  pthread_condattr_destroy(&attr);
+  t->fn = nullptr;
+  t->arg = nullptr;
+  size_t n = name ? strnlen(name, sizeof(t->name) - 1) : 0;
+  if (n) memcpy(t->name, name, n);
+  t->name[n] = '\0';
+  t->started = 0;
+  t->finished = 0;
+}
+
+TQ_EXPORT int RkOsCreateThread(RkOsThread* t, RkOsThreadFn fn, void* arg) {
+  if (!t || !fn) return EINVAL;
+  if (t->started) {
+    tqos::osLog(RKLOG_ERROR, "RkOsCreateThread: \"%s\" already has a thread", t->name);
+    return EBUSY;
+  }
+  std::lock_guard<std::mutex> lock(slotMutex);
+  Slot* slot = nullptr;
+  for (Slot& s : slots) {
+    if (!s.inUse) {
+      slot = &s;
+      break;
+    }
+  }
+  if (!slot) {
+    tqos::osLog(RKLOG_ERROR, "RkOsCreateThread: \"%s\": more than %zu threads", t->name,
+                kMaxThreads);
+    return EAGAIN;
+  }
+  *slot = Slot{true, false, t, fn, arg};
+  t->fn = fn;
+  t->arg = arg;
+  t->finished = 0;
+  int rc = pthread_create(&t->handle, nullptr, trampoline, slot);
+  if (rc != 0) {
+    slot->inUse = false;
+    tqos::osLog(RKLOG_ERROR, "RkOsCreateThread: \"%s\": %s", t->name, strerror(rc));
+    return rc;
+  }
+  t->started = 1;
+  return 0;
+}
+
+TQ_EXPORT int RkOsWaitForThread(RkOsThread* t, uint32_t timeoutMs) {
+  if (!t || !t->started) return 0;
+  return waitFinished(t, timeoutMs) ? 0 : 1;
+}
+
+TQ_EXPORT int RkOsTerminateThread(RkOsThread* t) {
+  if (!t || !t->started) return 0;
+  if (waitFinished(t, 0)) return 0;
+  int rc = pthread_cancel(t->handle);
+  if (rc != 0 && rc != ESRCH)
+    tqos::osLog(RKLOG_ERROR, "RkOsTerminateThread: \"%s\": %s", t->name, strerror(rc));
+  if (waitFinished(t, kTerminateGraceMs)) return 0;
+  tqos::osLog(RKLOG_WARNING, "RkOsTerminateThread: \"%s\" still runs after %u ms", t->name,
+              kTerminateGraceMs);
+  return 1;
+}
+
+TQ_EXPORT void RkOsDestroyThread(RkOsThread* t) {
+  if (!t || !t->started) return;
+  bool ended;
+  {
+    std::lock_guard<std::mutex> lock(slotMutex);
+    Slot* slot = findSlotLocked(t);
+    pthread_mutex_lock(&t->mutex);
+    ended = t->finished != 0;
+    pthread_mutex_unlock(&t->mutex);
+    if (slot) {
+      if (ended)
+        slot->inUse = false;  // the thread is past its last touch of the slot
+      else
+        slot->detached = true;
+    }
+  }
+  int rc = ended ? pthread_join(t->handle, nullptr) : pthread_detach(t->handle);
+  if (rc != 0)
+    tqos::osLog(RKLOG_ERROR, "RkOsDestroyThread: \"%s\": %s", t->name, strerror(rc));
+  t->started = 0;
+  t->finished = 0;
+}
