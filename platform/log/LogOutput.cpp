@@ -151,14 +151,11 @@ void emit(rklog_Record* record, const char* prefixAfterTime, const char* text) {
     return;
   }
   std::lock_guard<std::mutex> lock(outputMutex);
-  insideEmit = true;
-  try {
-    emitLocked(record, prefixAfterTime, text, true);
-  } catch (...) {
-    insideEmit = false;
-    throw;
-  }
-  insideEmit = false;
+  struct InsideEmit {
+    InsideEmit() { insideEmit = true; }
+    ~InsideEmit() { insideEmit = false; }
+  } inside;
+  emitLocked(record, prefixAfterTime, text, true);
 }
 
 int addSink(rklog_SinkFn fn, void* ctx) {

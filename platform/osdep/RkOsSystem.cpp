@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string>
 
 #include "OsLog.h"
@@ -129,7 +130,7 @@ TQ_EXPORT const char* RkOsGetCorvaleIniFile(void) {
     const char* xdg = xdgDir("XDG_CONFIG_HOME");
     std::string base = xdg ? std::string(xdg) : homeDir() + "/.config";
     return keep(base + "/tarquel/tarquel.ini");
-  } catch (...) {
+  } catch (const std::exception&) {
     return "";
   }
 }
@@ -149,7 +150,7 @@ TQ_EXPORT const char* RkOsGetCorvaleXmlCachePath(int create) {
       tqos::osLog(RKLOG_WARNING, "RkOsGetCorvaleXmlCachePath: cannot create \"%s\": %s",
                   dir.c_str(), strerror(errno));
     return keep(dir);
-  } catch (...) {
+  } catch (const std::exception&) {
     return "";
   }
 }

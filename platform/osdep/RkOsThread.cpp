@@ -3,11 +3,11 @@
 // A thread that outlives its object (terminated but not ended, then detached)
 // must not touch the object again, so the running side keeps its state in a
 // slot of a static table and reaches the object only while it is attached.
-#include <cxxabi.h>
 #include <rkosdep.h>
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <mutex>
 
 #include "OsLog.h"
@@ -63,10 +63,10 @@ void* trampoline(void* p) {
   EndMarker marker(slot);
   try {
     return slot->fn(slot->arg);
-  } catch (abi::__forced_unwind&) {
-    throw;  // cancellation must unwind to the end
-  } catch (...) {
-    tqos::osLog(RKLOG_ERROR, "RkOsThread: thread body ended with an exception");
+  } catch (const std::exception& e) {
+    // Only standard exceptions are caught: catch (...) would also swallow the
+    // unwinding of a cancelled thread, which aborts the process.
+    tqos::osLog(RKLOG_ERROR, "RkOsThread: thread body ended with an exception: %s", e.what());
   }
   return nullptr;
 }
