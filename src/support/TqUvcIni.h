@@ -7,8 +7,8 @@
 #include <cstdint>
 
 // Cache state, kept as module globals so the library's teardown can close it.
-extern RkIniHandle g_hIni;             // null while closed
-extern char g_IniFile[512];            // path of the file last opened
+extern RkIniHandle g_hIni;            // null while closed
+extern char g_IniFile[512];           // path of the file last opened
 extern uint64_t IniModificationTime;  // modification time at the last successful load
 
 // Opens the ini file on first use and reloads it when its modification time

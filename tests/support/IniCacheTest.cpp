@@ -1,5 +1,3 @@
-#include "support/TqUvcIni.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <rklog.h>
@@ -12,6 +10,7 @@
 #include <string>
 
 #include "LogCapture.h"
+#include "support/TqUvcIni.h"
 
 namespace {
 
@@ -30,7 +29,11 @@ class SupportIni : public ::testing::Test {
     unlink(path_.c_str());
     rmdir(dir_.c_str());
   }
-  void SetUp() override { unlink(path_.c_str()); }
+  // Each test starts as a fresh process would: no file, nothing loaded yet.
+  void SetUp() override {
+    unlink(path_.c_str());
+    IniModificationTime = 0;
+  }
   void TearDown() override { TqUvcCloseIni(); }
 
   // Writes the file and stamps it with `second` (seconds since the epoch), so
@@ -49,7 +52,9 @@ class SupportIni : public ::testing::Test {
   static std::string changedLine() {
     return "TqUvcGetIniIntCached: ini file \"" + path_ + "\" has changed. Loading new";
   }
-  static std::string cannotLoadLine() { return "TqUvcGetIniIntCached: cannot load ini file:\"" + path_ + "\""; }
+  static std::string cannotLoadLine() {
+    return "TqUvcGetIniIntCached: cannot load ini file:\"" + path_ + "\"";
+  }
 
   static int timeout() { return TqUvcGetIniIntCached("Tq.Uvc", "AcquisitionTimeout", 6000); }
 

@@ -1,11 +1,10 @@
-#include "support/StringUtils.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 
 #include "LogCapture.h"
+#include "support/StringUtils.h"
 
 namespace {
 
@@ -19,13 +18,12 @@ TEST(SupportStrings, SafeStrCpyCopiesBoundedAndNeverWritesPastMaxlen) {
     bool breaks;
   };
   const Case cases[] = {
-      {"abcdef", 4, "abc", false},  // cut, terminated at maxlen - 1
-      {"abcd", 4, "abc", false},    // exactly maxlen characters still needs the cut
-      {"abc", 4, "abc", false},     // fits with its terminator
-      {"", 4, "", false},
-      {"ab", 2, "a", false},     // smallest useful buffer
-      {"abcdef", 1, "", true},   // no room for a character: empty and a break
-      {nullptr, 8, "", true},    // null source: empty and a break
+      {"abcdef", 4, "abc", false},                         // cut, terminated at maxlen - 1
+      {"abcd", 4, "abc", false},                           // exactly maxlen characters still needs the cut
+      {"abc", 4, "abc", false},                            // fits with its terminator
+      {"", 4, "", false},          {"ab", 2, "a", false},  // smallest useful buffer
+      {"abcdef", 1, "", true},                             // no room for a character: empty and a break
+      {nullptr, 8, "", true},                              // null source: empty and a break
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.src ? c.src : "(null)") + " / " + std::to_string(c.maxlen));
@@ -79,14 +77,10 @@ TEST(SupportStrings, IsOwnDeviceMatchesMakersCaseSensitively) {
     bool own;
   };
   const Case cases[] = {
-      {"KOR GmbH", true},
-      {"made by Kormand Sensor Works Ltd", true},
-      {"xKOR GmbHx", true},
-      {"kor gmbh", false},
-      {"KOR Gmb", false},
-      {"Kormand Sensor", false},
-      {"", false},
-      {nullptr, false},
+      {"KOR GmbH", true},   {"made by Kormand Sensor Works Ltd", true},
+      {"xKOR GmbHx", true}, {"kor gmbh", false},
+      {"KOR Gmb", false},   {"Kormand Sensor", false},
+      {"", false},          {nullptr, false},
   };
   for (const auto& c : cases) EXPECT_EQ(IsOwnDevice(c.text), c.own) << (c.text ? c.text : "(null)");
 }
