@@ -12,6 +12,10 @@
 
 #include "OsLog.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace {
 
 constexpr size_t kMaxThreads = 256;
@@ -35,11 +39,40 @@ Slot* findSlotLocked(const RkOsThread* t) {
   return nullptr;
 }
 
+// Cancellation unwinds without AddressSanitizer clearing the frames it leaves;
+// their stale poison would be reported against the thread's exit code. The
+// stack's bounds are taken at start: after a cancellation any call that
+// writes to the stack could trip over that poison.
+void* stackLowEnd() {
+#if defined(__SANITIZE_ADDRESS__)
+  pthread_attr_t attr;
+  if (pthread_getattr_np(pthread_self(), &attr) != 0) return nullptr;
+  void* low = nullptr;
+  size_t size = 0;
+  pthread_attr_getstack(&attr, &low, &size);
+  pthread_attr_destroy(&attr);
+  return low;
+#else
+  return nullptr;
+#endif
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+__attribute__((noinline, no_sanitize_address)) void clearUnwoundStack(void* low) {
+  auto below = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  auto start = reinterpret_cast<uintptr_t>(low);
+  if (low && below > start) __asan_unpoison_memory_region(low, below - start);
+}
+#else
+void clearUnwoundStack(void*) {}
+#endif
+
 // Marks the end of the body on every way out, including cancellation.
 class EndMarker {
  public:
-  explicit EndMarker(Slot* slot) : slot_(slot) {}
+  explicit EndMarker(Slot* slot) : slot_(slot), stackLow_(stackLowEnd()) {}
   ~EndMarker() {
+    clearUnwoundStack(stackLow_);
     std::lock_guard<std::mutex> lock(slotMutex);
     if (slot_->detached) {
       slot_->inUse = false;
@@ -56,6 +89,7 @@ class EndMarker {
 
  private:
   Slot* slot_;
+  void* stackLow_;
 };
 
 void* trampoline(void* p) {
