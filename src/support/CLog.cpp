@@ -17,8 +17,6 @@ CLog::CLog(const char* name, const char* parent, bool flag)
       debug_(rklog_Enabled(sourceId_, RKLOG_DEBUG) != 0),
       trace_(rklog_Enabled(sourceId_, RKLOG_TRACE) != 0) {}
 
-CLog::~CLog() = default;
-
 void CLog::SetUserId(const char* id) {
   if (id == nullptr) {
     userId_[0] = '\0';

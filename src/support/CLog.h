@@ -9,7 +9,8 @@ namespace rk {
 class CLog {
  public:
   CLog(const char* name, const char* parent, bool flag);
-  ~CLog();
+  // Trivial, so the sources stay usable from other objects' static destructors.
+  ~CLog() = default;
   CLog(const CLog&) = delete;
   CLog& operator=(const CLog&) = delete;
 
