@@ -1,0 +1,152 @@
+#include "HidrawNode.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <deque>
+
+namespace tqsim {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Larger than any report the library writes (256 bytes), so nothing is cut.
+constexpr size_t kReceiveBuffer = 4096;
+
+}  // namespace
+
+std::unique_ptr<HidrawNode> HidrawNode::open(std::shared_ptr<Camera> camera, int flags) {
+  int ends[2] = {-1, -1};
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return nullptr;
+  UniqueFd caller(ends[0]);
+  UniqueFd ours(ends[1]);
+  UniqueFd wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake.valid()) return nullptr;
+  if ((flags & O_CLOEXEC) == 0 && ::fcntl(caller.get(), F_SETFD, 0) != 0) return nullptr;
+  if ((flags & O_NONBLOCK) != 0 && ::fcntl(caller.get(), F_SETFL, O_NONBLOCK) != 0) return nullptr;
+
+  std::unique_ptr<HidrawNode> node(
+      new HidrawNode(std::move(camera), caller.get(), std::move(ours), std::move(wake)));
+  struct stat info {};
+  if (::fstat(node->callerFd_, &info) == 0) {
+    node->callerDev_ = info.st_dev;
+    node->callerIno_ = info.st_ino;
+  }
+  try {
+    node->thread_ = std::thread([n = node.get()] { n->serve(); });
+  } catch (...) {
+    errno = EAGAIN;
+    return nullptr;  // caller's end closed by its UniqueFd
+  }
+  caller.release();
+  return node;
+}
+
+HidrawNode::HidrawNode(std::shared_ptr<Camera> camera, int callerFd, UniqueFd ours, UniqueFd wake)
+    : camera_(std::move(camera)), callerFd_(callerFd), ours_(std::move(ours)), wake_(std::move(wake)) {}
+
+HidrawNode::~HidrawNode() { stop(); }
+
+bool HidrawNode::connected() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return connected_;
+}
+
+void HidrawNode::stop() {
+  if (!thread_.joinable()) return;
+  const uint64_t one = 1;
+  // An eventfd write only fails when the counter would overflow; it is read
+  // by nobody else, so it cannot.
+  [[maybe_unused]] ssize_t written = ::write(wake_.get(), &one, sizeof one);
+  thread_.join();
+}
+
+void HidrawNode::sendInput(const std::vector<uint8_t>& report) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!connected_) return;
+  ::send(ours_.get(), report.data(), report.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void HidrawNode::disconnect() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!connected_) return;
+    connected_ = false;
+    // Only take the number over while it still is our socket: a caller that
+    // closed it behind our back (close_range, a raw syscall) may reuse it.
+    struct stat info {};
+    if (::fstat(callerFd_, &info) == 0 && info.st_dev == callerDev_ && info.st_ino == callerIno_) {
+      UniqueFd dead(::epoll_create1(EPOLL_CLOEXEC));
+      const int fdFlags = ::fcntl(callerFd_, F_GETFD);
+      if (dead.valid()) {
+        ::dup3(dead.get(), callerFd_, (fdFlags >= 0 && (fdFlags & FD_CLOEXEC)) ? O_CLOEXEC : 0);
+      }
+    }
+  }
+  stop();
+  // Closing our end wakes a select still waiting on the old socket.
+  ours_.reset();
+}
+
+void HidrawNode::serve() {
+  struct Pending {
+    Clock::time_point due;
+    std::vector<uint8_t> report;
+  };
+  std::deque<Pending> pending;
+  Clock::time_point lastDue = Clock::now();
+  bool callerOpen = true;
+  uint8_t buffer[kReceiveBuffer];
+
+  try {
+    for (;;) {
+      int timeoutMs = -1;
+      if (!pending.empty()) {
+        const auto wait = std::chrono::ceil<std::chrono::milliseconds>(pending.front().due - Clock::now());
+        timeoutMs = static_cast<int>(std::max<int64_t>(0, wait.count()));
+      }
+      pollfd fds[2] = {{wake_.get(), POLLIN, 0}, {callerOpen ? ours_.get() : -1, POLLIN, 0}};
+      const int ready = ::poll(fds, 2, timeoutMs);
+      if (ready < 0 && errno != EINTR) return;
+      if (fds[0].revents != 0) return;
+
+      if (fds[1].revents != 0) {
+        const ssize_t n = ::recv(ours_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+        if (n > 0) {
+          // Commands are served one after another, so a late answer also
+          // holds back the answers of the commands behind it.
+          for (Answer& answer : camera_->handle(buffer, static_cast<size_t>(n))) {
+            lastDue = std::max(Clock::now() + answer.delay, lastDue);
+            pending.push_back({lastDue, std::move(answer.report)});
+          }
+        } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+          callerOpen = false;  // the caller's end is gone
+        }
+      }
+
+      const auto now = Clock::now();
+      while (!pending.empty() && pending.front().due <= now) {
+        if (camera_->plugged()) {
+          std::lock_guard<std::mutex> lock(mutex_);
+          if (connected_) {
+            ::send(ours_.get(), pending.front().report.data(), pending.front().report.size(),
+                   MSG_DONTWAIT | MSG_NOSIGNAL);
+          }
+        }
+        pending.pop_front();
+      }
+    }
+  } catch (...) {
+    // Out of memory: the node goes quiet, as a hung device would.
+  }
+}
+
+}  // namespace tqsim
