@@ -62,9 +62,14 @@ TQ_EXPORT void RkOsLeaveCriticalSection(RkOsCriticalSection* cs) {
 
 TQ_EXPORT void RkOsDeleteCriticalSection(RkOsCriticalSection* cs) {
   if (!cs || !cs->initialized) return;
+  // Still held: keep it usable rather than leave a destroyed lock behind.
+  // glibc keeps the holder's thread id in the mutex.
+  if (cs->mutex.__data.__owner != 0) {
+    tqos::osLog(RKLOG_ERROR, "RkOsDeleteCriticalSection: \"%s\" is still held", cs->name);
+    return;
+  }
   int rc = pthread_mutex_destroy(&cs->mutex);
   if (rc != 0) {
-    // Still held: keep it usable rather than leave a destroyed lock behind.
     tqos::osLog(RKLOG_ERROR, "RkOsDeleteCriticalSection: \"%s\": %s", cs->name, strerror(rc));
     return;
   }

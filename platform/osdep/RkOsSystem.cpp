@@ -91,11 +91,36 @@ TQ_EXPORT uint64_t RkOsGetTickCountPrecise(void) {
 }
 
 TQ_EXPORT void RkOsSleep(uint32_t ms) {
+#if defined(__SANITIZE_THREAD__)
+  // ThreadSanitizer loses track of a thread cancelled inside nanosleep (and
+  // then reports races that are none); a cancelled condition wait it handles.
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_condattr_t attr;
+  pthread_condattr_init(&attr);
+  pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+  pthread_cond_t cond;
+  pthread_cond_init(&cond, &attr);
+  pthread_condattr_destroy(&attr);
+  timespec deadline = tqos::deadlineAfter(ms);
+  pthread_mutex_lock(&mutex);
+  struct Cleanup {
+    pthread_mutex_t* m;
+    pthread_cond_t* c;
+    ~Cleanup() {
+      pthread_mutex_unlock(m);
+      pthread_cond_destroy(c);
+      pthread_mutex_destroy(m);
+    }
+  } cleanup{&mutex, &cond};
+  while (pthread_cond_timedwait(&cond, &mutex, &deadline) != ETIMEDOUT) {
+  }
+#else
   struct timespec left;
   left.tv_sec = static_cast<time_t>(ms / 1000);
   left.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
   while (nanosleep(&left, &left) != 0 && errno == EINTR) {
   }
+#endif
 }
 
 TQ_EXPORT int RkOsStricmp(const char* a, const char* b) {

@@ -69,6 +69,7 @@ TEST(OsdepCriticalSection, MisuseIsReportedNotFatal) {
   RkOsEnterCriticalSection(&cs);
   RkOsDeleteCriticalSection(&cs);  // still held: refused, lock stays usable
   EXPECT_EQ(cs.initialized, 1);
+  EXPECT_TRUE(cap.contains("is still held", RKLOG_ERROR));
   RkOsLeaveCriticalSection(&cs);
   RkOsDeleteCriticalSection(&cs);
   EXPECT_EQ(cs.initialized, 0);
