@@ -10,11 +10,15 @@ extern "C" {
 typedef struct RkIni* RkIniHandle; /* NULL = no file open */
 
 /* Creates an empty ini object; `commentChars` lists the characters that start a
- * comment line (NULL means ";#"). Returns NULL only on allocation failure. */
+ * comment, at the start of a line or after a blank (NULL means ";#"). ';' and
+ * '#' at the start of a line, and " ;" inside one, are comments in any case.
+ * Returns NULL only on allocation failure. */
 RkIniHandle RkIniOpen(const char* commentChars);
 
 /* Replaces the object's content by the file at `path`. Returns 1 on success, 0 when
- * the file is missing or cannot be parsed (the previous content is kept then). */
+ * the file is missing or cannot be parsed (the previous content is kept then); one
+ * bad line (no '=' or ':', unclosed section, more than 197 characters) fails the
+ * whole file. */
 int RkIniLoad(RkIniHandle ini, const char* path);
 
 /* The integer at [section] key, or `defaultValue` when the object, section or key

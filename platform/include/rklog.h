@@ -27,8 +27,11 @@ enum {
 
 /* Registers (or finds) the source `name`; `parent` may be NULL or name a source
  * that is not registered (yet): level inheritance follows the name. `flag` 0
- * registers the source muted (nothing enabled), non-zero normally. Returns the
- * source id, never 0; 0 only when name is NULL or empty. */
+ * registers the source muted (nothing enabled unless TQ_LOG names the source
+ * itself), non-zero normally. Registering a name again returns the first id and
+ * keeps the first parent and flag. Names are cut to 63 characters. Returns the
+ * source id, never 0; 0 only when name is NULL or empty, or when all 1024
+ * source slots are taken. */
 unsigned int rklog_Register(const char* name, const char* parent, int flag);
 
 /* Non-zero when `level` (one bit) is enabled for the source; 0 for an unknown id. */
@@ -63,9 +66,12 @@ typedef struct rklog_Record {
 typedef void (*rklog_SinkFn)(void* ctx, const rklog_Record* record);
 
 /* Adds a sink that receives every written line (in addition to the normal output);
- * returns its id (> 0). Sinks run on the writing thread, serialised. */
+ * returns its id (> 0), or 0 when fn is NULL or 32 sinks are registered. Sinks run
+ * on the writing thread, serialised. A sink may log (that line goes to the output
+ * only, not to the sinks) and may add or remove sinks. */
 int rklog_AddSink(rklog_SinkFn fn, void* ctx);
-/* Removes a sink; when it returns the sink is no longer running or called. */
+/* Removes a sink; when it returns the sink is no longer running or called (unless
+ * a sink removes itself, which is allowed). Unknown ids are ignored. */
 void rklog_RemoveSink(int id);
 
 #ifdef __cplusplus

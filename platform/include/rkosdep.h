@@ -21,7 +21,8 @@ typedef struct RkOsCriticalSection {
 void RkOsInitializeCriticalSection(RkOsCriticalSection* cs, const char* name);
 void RkOsEnterCriticalSection(RkOsCriticalSection* cs);
 void RkOsLeaveCriticalSection(RkOsCriticalSection* cs);
-/* Releases the lock's resources; it must not be held. Idempotent. */
+/* Releases the lock's resources; it must not be held (a held lock is left alone
+ * and the misuse logged). Idempotent. */
 void RkOsDeleteCriticalSection(RkOsCriticalSection* cs);
 
 /* ---- events (manual reset) ---- */
@@ -61,7 +62,10 @@ typedef struct RkOsThread {
 
 /* Puts the object into the "no thread" state and records `name` (may be NULL). */
 void RkOsInvalidateThread(RkOsThread* t, const char* name);
-/* Starts fn(arg) on a new thread. 0 on success, else the pthread error number. */
+/* Starts fn(arg) on a new thread. 0 on success, else an error number: EBUSY when
+ * the object already has a thread, EAGAIN when 256 thread objects are in use,
+ * or what pthread_create returned. A body that throws a standard exception has
+ * it logged; the thread then ends normally. */
 int RkOsCreateThread(RkOsThread* t, RkOsThreadFn fn, void* arg);
 /* Waits up to `timeoutMs` for the thread to end. 0 when it has ended (or none was
  * started), 1 on time-out. */
@@ -91,12 +95,15 @@ int RkOsStrnicmp(const char* a, const char* b, size_t n);
  * sec * 1000000000 + nsec), or 0 when it cannot be read. */
 uint64_t RkOsGetFileModificationTime(const char* path);
 /* The SDK's ini file: $TQ_INI_FILE, else $XDG_CONFIG_HOME/tarquel/tarquel.ini,
- * else $HOME/.config/tarquel/tarquel.ini. The text lives in static storage. */
+ * else $HOME/.config/tarquel/tarquel.ini (an XDG variable counts only when it is
+ * an absolute path). The text lives in a per-thread buffer owned by the library,
+ * valid until the same thread calls again; copy it. */
 const char* RkOsGetCorvaleIniFile(void);
 /* Directory of cached description files, always ending in '/': $TQ_XML_CACHE, else
  * $XDG_CACHE_HOME/tarquel/xml/, else $HOME/.cache/tarquel/xml/. With `create`
- * non-zero the directory (and its parents) is created when missing. The text lives
- * in static storage. */
+ * non-zero the directory (and its parents) is created when missing; failure is
+ * logged and the path still returned. The text lives in a per-thread buffer, as
+ * above. */
 const char* RkOsGetCorvaleXmlCachePath(int create);
 
 /* ---- atomics: return the new value ---- */

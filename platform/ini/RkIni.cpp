@@ -38,8 +38,8 @@ std::string lower(const char* text) {
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
-// Blanks comment lines and cuts comments that follow whitespace. Fails on a
-// line the parser could not take whole.
+// Blanks comment lines, cuts comments that follow whitespace and unindents.
+// Fails on a line the parser could not take whole.
 bool filterComments(const std::string& text, const std::string& commentChars, std::string* out) {
   out->clear();
   out->reserve(text.size());
@@ -61,6 +61,9 @@ bool filterComments(const std::string& text, const std::string& commentChars, st
         }
       }
       while (!line.empty() && isBlank(line.back())) line.pop_back();
+      // The parser would take an indented line as the continuation of the
+      // previous value; settings files indent keys for looks only.
+      line.erase(0, first);
       if (line.size() > kParserLineMax) return false;
     }
     out->append(line).push_back('\n');

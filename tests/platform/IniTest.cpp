@@ -58,6 +58,7 @@ TEST_F(IniTest, ValuesFormatsAndCase) {
                            "Twice = 1\n"
                            "Colon: 5\n"
                            "Octalish = 010\n"
+                           "    Indented = 8\n"
                            "[MISC.Options]\n"
                            "MISC.AutoConnect=1\n"
                            "[tq.uvc]\n"
@@ -87,6 +88,8 @@ TEST_F(IniTest, ValuesFormatsAndCase) {
       {"Tq.Uvc", "Twice", 1, 2},  // a section may come back; the later value wins
       {"Tq.Uvc", "Colon", 1, 5},
       {"Tq.Uvc", "Octalish", 1, 10},
+      {"Tq.Uvc", "Indented", 1, 8},
+      {"Tq.Uvc", "Octalish", 0, 10},  // not swallowed as a multi-line value
       {"Tq.Uvc", "Missing", 1, -1},
       {"misc.options", "MISC.AUTOCONNECT", 1, 1},
       {"Nowhere", "AcquisitionTimeout", 1, -1},
