@@ -94,7 +94,8 @@ bool VideoStream::breakStream() {
 
 int VideoStream::ioctl(unsigned long request, void* arg) {
   if (!arg && request != VIDIOC_LOG_STATUS) return EFAULT;
-  if (broken_ || !camera_->plugged()) return ENODEV;
+  if (!camera_->plugged()) breakStream();
+  if (broken_) return ENODEV;
   switch (request) {
     case VIDIOC_QUERYCAP: return querycap(static_cast<v4l2_capability*>(arg));
     case VIDIOC_ENUM_FMT: return enumFmt(static_cast<v4l2_fmtdesc*>(arg));
