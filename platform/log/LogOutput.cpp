@@ -1,6 +1,7 @@
 #include "LogOutput.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -109,6 +110,29 @@ void writeAll(int fd, const char* data, size_t size) {
   }
 }
 
+// A pipe or fifo whose reader went away must not kill the process through
+// SIGPIPE: the signal is held back for this write and a fresh one dropped.
+void writeWithoutSigpipe(int fd, const char* data, size_t size) {
+  sigset_t pipeOnly, old, pending;
+  sigemptyset(&pipeOnly);
+  sigaddset(&pipeOnly, SIGPIPE);
+  if (pthread_sigmask(SIG_BLOCK, &pipeOnly, &old) != 0) {
+    writeAll(fd, data, size);
+    return;
+  }
+  sigpending(&pending);
+  bool alreadyPending = sigismember(&pending, SIGPIPE) == 1;
+  writeAll(fd, data, size);
+  if (!alreadyPending) {
+    sigpending(&pending);
+    if (sigismember(&pending, SIGPIPE) == 1) {
+      struct timespec zero = {0, 0};
+      sigtimedwait(&pipeOnly, nullptr, &zero);
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
 void formatTime(char* buf, size_t size) {
   struct timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
@@ -131,8 +155,10 @@ void emitLocked(rklog_Record* record, const char* prefixAfterTime, const char* t
   if (outputFd >= 0) {
     if (outputSize > 0 && outputSize + line.size() > outputMax) rotateLocked();
   }
-  int fd = outputFd >= 0 ? outputFd : 2;
-  writeAll(fd, line.data(), line.size());
+  if (outputFd >= 0 && outputRegular)
+    writeAll(outputFd, line.data(), line.size());
+  else
+    writeWithoutSigpipe(outputFd >= 0 ? outputFd : 2, line.data(), line.size());
   if (outputFd >= 0) outputSize += line.size();
   line.pop_back();
   record->line = line.c_str();
