@@ -25,12 +25,16 @@ namespace {
 // inih reads lines into a buffer of this many bytes, newline and NUL included;
 // a longer line would be split into fragments that parse as nonsense.
 constexpr size_t kParserLineMax = 200 - 3;
+// inih keeps this many characters of section and key names; lookups cut the
+// same way, so a long name still finds its value.
+constexpr size_t kParserNameMax = 50 - 1;
 
 using Section = std::map<std::string, std::string>;
 using Content = std::map<std::string, Section>;
 
 std::string lower(const char* text) {
   std::string out(text ? text : "");
+  if (out.size() > kParserNameMax) out.resize(kParserNameMax);
   for (char& c : out)
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   return out;

@@ -59,6 +59,7 @@ TEST_F(IniTest, ValuesFormatsAndCase) {
                            "Colon: 5\n"
                            "Octalish = 010\n"
                            "    Indented = 8\n"
+                           "AKeyThatIsLongerThanTheParserKeepsOfAnyNameAtAll_X = 9\n"
                            "[MISC.Options]\n"
                            "MISC.AutoConnect=1\n"
                            "[tq.uvc]\n"
@@ -89,6 +90,7 @@ TEST_F(IniTest, ValuesFormatsAndCase) {
       {"Tq.Uvc", "Colon", 1, 5},
       {"Tq.Uvc", "Octalish", 1, 10},
       {"Tq.Uvc", "Indented", 1, 8},
+      {"Tq.Uvc", "akeythatislongerthantheparserkeepsofanynameatall_x", 1, 9},
       {"Tq.Uvc", "Octalish", 0, 10},  // not swallowed as a multi-line value
       {"Tq.Uvc", "Missing", 1, -1},
       {"misc.options", "MISC.AUTOCONNECT", 1, 1},
