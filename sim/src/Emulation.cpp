@@ -3,7 +3,9 @@
 #include "ConfigFile.h"
 #include "StateFile.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
+#include <signal.h>
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <linux/input.h>
@@ -91,6 +93,24 @@ std::string findUdevadmDirectory() {
 
 void forkChild() { gInChild.store(true); }
 
+// A host that ends with _exit (shells do) cannot remove its directory; the
+// next host removes those whose process is gone. The pid is in the name.
+void removeStaleStateDirectories(const std::string& base) {
+  DIR* dir = ::opendir(base.c_str());
+  if (dir == nullptr) return;
+  while (const dirent* entry = ::readdir(dir)) {
+    int pid = 0;
+    char rest[32];
+    if (std::sscanf(entry->d_name, "tqsim-%d-%31s", &pid, rest) != 2 || pid <= 0) continue;
+    if (::kill(pid, 0) == 0 || errno != ESRCH) continue;
+    const std::string path = base + "/" + entry->d_name;
+    ::unlink((path + "/state").c_str());
+    ::unlink((path + "/state.tmp").c_str());
+    ::rmdir(path.c_str());
+  }
+  ::closedir(dir);
+}
+
 void shutdownAtExit() { Emulation::instance().shutdown(); }
 
 }  // namespace
@@ -148,7 +168,9 @@ void Emulation::initialise() {
     stateDir_ = directoryOf(statePath_);
   } else {
     const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tqsim-XXXXXX";
+    const std::string base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+    removeStaleStateDirectories(base);
+    std::string pattern = base + "/tqsim-" + self + "-XXXXXX";
     std::vector<char> buffer(pattern.begin(), pattern.end());
     buffer.push_back('\0');
     if (::mkdtemp(buffer.data()) != nullptr) {
@@ -381,6 +403,9 @@ void Emulation::reset() {
       }
     }
     cameras_.clear();
+    // A fresh bus: the next camera gets the numbers of a first plug again.
+    nextDevnum_ = 2;
+    nextHidSequence_ = 1;
     writeStateLocked();
   }
   for (const auto& camera : gone) notify(camera, false);

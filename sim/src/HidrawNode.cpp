@@ -1,7 +1,6 @@
 #include "HidrawNode.h"
 
 #include <poll.h>
-#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -84,7 +83,10 @@ void HidrawNode::disconnect() {
     // closed it behind our back (close_range, a raw syscall) may reuse it.
     struct stat info {};
     if (::fstat(callerFd_, &info) == 0 && info.st_dev == callerDev_ && info.st_ino == callerIno_) {
-      UniqueFd dead(::epoll_create1(EPOLL_CLOEXEC));
+      // A directory: select reports it readable (the kernel reports a gone
+      // hidraw node with POLLERR | POLLHUP), read fails (EISDIR where the
+      // kernel says EIO) and write fails (EBADF where it says ENODEV).
+      UniqueFd dead(real::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
       const int fdFlags = ::fcntl(callerFd_, F_GETFD);
       if (dead.valid()) {
         ::dup3(dead.get(), callerFd_, (fdFlags >= 0 && (fdFlags & FD_CLOEXEC)) ? O_CLOEXEC : 0);
@@ -92,7 +94,8 @@ void HidrawNode::disconnect() {
     }
   }
   stop();
-  // Closing our end wakes a select still waiting on the old socket.
+  // Closing our end wakes a select still waiting: it then looks at the
+  // descriptor again and finds the dead one readable.
   ours_.reset();
 }
 

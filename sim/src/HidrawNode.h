@@ -36,8 +36,9 @@ class HidrawNode {
   void sendInput(const std::vector<uint8_t>& report);
 
   // The camera went away: the caller's descriptor number is taken over by a
-  // dead descriptor (reads and writes fail, select never reports it ready) and
-  // serving stops. ioctls on it are answered ENODEV by the interposer.
+  // dead descriptor (select reports it readable, reads and writes fail, as
+  // with a gone hidraw node) and serving stops. ioctls on it are answered
+  // ENODEV by the interposer.
   void disconnect();
 
  private:

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -276,6 +277,34 @@ int access(const char* path, int mode) noexcept {
 int faccessat(int dirfd, const char* path, int mode, int flags) noexcept {
   if (accessEmulated(path)) return 0;
   TQSIM_NEXT(faccessat, int (*)(int, const char*, int, int), dirfd, path, mode, flags);
+}
+
+// Device nodes in devtmpfs carry no extended attributes; ls -l asks for the
+// SELinux label and ACLs and would report the node missing otherwise.
+ssize_t getxattr(const char* path, const char* name, void* value, size_t size) noexcept {
+  if (accessEmulated(path)) {
+    errno = ENODATA;
+    return -1;
+  }
+  TQSIM_NEXT(getxattr, ssize_t (*)(const char*, const char*, void*, size_t), path, name, value, size);
+}
+
+ssize_t lgetxattr(const char* path, const char* name, void* value, size_t size) noexcept {
+  if (accessEmulated(path)) {
+    errno = ENODATA;
+    return -1;
+  }
+  TQSIM_NEXT(lgetxattr, ssize_t (*)(const char*, const char*, void*, size_t), path, name, value, size);
+}
+
+ssize_t listxattr(const char* path, char* list, size_t size) noexcept {
+  if (accessEmulated(path)) return 0;
+  TQSIM_NEXT(listxattr, ssize_t (*)(const char*, char*, size_t), path, list, size);
+}
+
+ssize_t llistxattr(const char* path, char* list, size_t size) noexcept {
+  if (accessEmulated(path)) return 0;
+  TQSIM_NEXT(llistxattr, ssize_t (*)(const char*, char*, size_t), path, list, size);
 }
 
 int __xstat(int ver, const char* path, struct stat* buf) {

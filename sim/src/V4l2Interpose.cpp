@@ -3,11 +3,10 @@
 // emulated nodes go to their VideoStream, everything else to the real libv4l2.
 // select is wrapped too, so that a node that went away reports EBADF to a
 // waiting client the way an unplugged device ends a capture loop.
-#include <tqsim/VideoStatus.h>
-
 #include <dlfcn.h>
 #include <sys/mman.h>
 #include <sys/select.h>
+#include <tqsim/VideoStatus.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -217,8 +216,8 @@ __attribute__((visibility("default"))) int v4l2_ioctl(int fd, unsigned long requ
   return next(fd, request, arg);
 }
 
-__attribute__((visibility("default"))) void* v4l2_mmap(void* start, size_t length, int prot,
-                                                        int flags, int fd, int64_t offset) {
+__attribute__((visibility("default"))) void* v4l2_mmap(void* start, size_t length, int prot, int flags,
+                                                       int fd, int64_t offset) {
   if (auto stream = VideoTable::instance().find(fd)) {
     int err = 0;
     void* addr = stream->mmap(length, prot, flags, offset, &err);
@@ -244,7 +243,7 @@ __attribute__((visibility("default"))) int v4l2_munmap(void* start, size_t lengt
 }
 
 __attribute__((visibility("default"))) int select(int nfds, fd_set* readfds, fd_set* writefds,
-                                                   fd_set* exceptfds, timeval* timeout) {
+                                                  fd_set* exceptfds, timeval* timeout) {
   static const auto next = reinterpret_cast<tqsim::SelectFn>(dlsym(RTLD_NEXT, "select"));
   auto& table = VideoTable::instance();
   // Keep the sets asked for: a node may go away while we wait.

@@ -1,9 +1,8 @@
 #include "VideoStream.h"
 
-#include <tqsim/FramePattern.h>
-
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <tqsim/FramePattern.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,8 +23,9 @@ constexpr std::chrono::milliseconds kFaultPoll{10};
 constexpr v4l2_fract kDefaultInterval{1, 30};
 
 void copyText(uint8_t* dst, size_t size, const std::string& text) {
+  // The rest stays zero, so the copy is always terminated.
   memset(dst, 0, size);
-  memcpy(dst, text.data(), std::min(size - 1, text.size()));
+  std::copy_n(text.begin(), std::min(size - 1, text.size()), dst);
 }
 
 const FrameSize* findSize(const VideoConfig& video, uint32_t width, uint32_t height) {
@@ -53,10 +53,7 @@ std::unique_ptr<VideoStream> VideoStream::create(std::shared_ptr<Camera> camera,
 }
 
 VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, int eventFd)
-    : camera_(std::move(camera)),
-      cameraId_(camera_->id()),
-      captureNode_(captureNode),
-      eventFd_(eventFd) {
+    : camera_(std::move(camera)), cameraId_(camera_->id()), captureNode_(captureNode), eventFd_(eventFd) {
   const CameraConfig config = camera_->config();
   if (!config.video.sizes.empty()) {
     const FrameSize& first = config.video.sizes.front();
@@ -97,21 +94,36 @@ int VideoStream::ioctl(unsigned long request, void* arg) {
   if (!camera_->plugged()) breakStream();
   if (broken_) return ENODEV;
   switch (request) {
-    case VIDIOC_QUERYCAP: return querycap(static_cast<v4l2_capability*>(arg));
-    case VIDIOC_ENUM_FMT: return enumFmt(static_cast<v4l2_fmtdesc*>(arg));
-    case VIDIOC_ENUM_FRAMESIZES: return enumFrameSizes(static_cast<v4l2_frmsizeenum*>(arg));
-    case VIDIOC_ENUM_FRAMEINTERVALS: return enumFrameIntervals(static_cast<v4l2_frmivalenum*>(arg));
-    case VIDIOC_G_FMT: return getFmt(static_cast<v4l2_format*>(arg));
-    case VIDIOC_S_FMT: return setFmt(static_cast<v4l2_format*>(arg));
-    case VIDIOC_G_PARM: return getParm(static_cast<v4l2_streamparm*>(arg));
-    case VIDIOC_S_PARM: return setParm(static_cast<v4l2_streamparm*>(arg));
-    case VIDIOC_REQBUFS: return reqbufs(static_cast<v4l2_requestbuffers*>(arg));
-    case VIDIOC_QUERYBUF: return querybuf(static_cast<v4l2_buffer*>(arg));
-    case VIDIOC_QBUF: return qbuf(static_cast<v4l2_buffer*>(arg));
-    case VIDIOC_DQBUF: return dqbuf(static_cast<v4l2_buffer*>(arg));
-    case VIDIOC_STREAMON: return streamOn(static_cast<const int*>(arg));
-    case VIDIOC_STREAMOFF: return streamOff(static_cast<const int*>(arg));
-    default: return ENOTTY;
+    case VIDIOC_QUERYCAP:
+      return querycap(static_cast<v4l2_capability*>(arg));
+    case VIDIOC_ENUM_FMT:
+      return enumFmt(static_cast<v4l2_fmtdesc*>(arg));
+    case VIDIOC_ENUM_FRAMESIZES:
+      return enumFrameSizes(static_cast<v4l2_frmsizeenum*>(arg));
+    case VIDIOC_ENUM_FRAMEINTERVALS:
+      return enumFrameIntervals(static_cast<v4l2_frmivalenum*>(arg));
+    case VIDIOC_G_FMT:
+      return getFmt(static_cast<v4l2_format*>(arg));
+    case VIDIOC_S_FMT:
+      return setFmt(static_cast<v4l2_format*>(arg));
+    case VIDIOC_G_PARM:
+      return getParm(static_cast<v4l2_streamparm*>(arg));
+    case VIDIOC_S_PARM:
+      return setParm(static_cast<v4l2_streamparm*>(arg));
+    case VIDIOC_REQBUFS:
+      return reqbufs(static_cast<v4l2_requestbuffers*>(arg));
+    case VIDIOC_QUERYBUF:
+      return querybuf(static_cast<v4l2_buffer*>(arg));
+    case VIDIOC_QBUF:
+      return qbuf(static_cast<v4l2_buffer*>(arg));
+    case VIDIOC_DQBUF:
+      return dqbuf(static_cast<v4l2_buffer*>(arg));
+    case VIDIOC_STREAMON:
+      return streamOn(static_cast<const int*>(arg));
+    case VIDIOC_STREAMOFF:
+      return streamOff(static_cast<const int*>(arg));
+    default:
+      return ENOTTY;
   }
 }
 
@@ -122,8 +134,8 @@ int VideoStream::querycap(v4l2_capability* cap) {
   copyText(cap->card, sizeof(cap->card), config.product);
   copyText(cap->bus_info, sizeof(cap->bus_info), "usb-0000:00:14.0-1");
   cap->version = (6u << 16) | (1u << 8);
-  cap->device_caps = (captureNode_ ? V4L2_CAP_VIDEO_CAPTURE : V4L2_CAP_META_CAPTURE) |
-                     V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT;
+  cap->device_caps = (captureNode_ ? V4L2_CAP_VIDEO_CAPTURE : V4L2_CAP_META_CAPTURE) | V4L2_CAP_STREAMING |
+                     V4L2_CAP_EXT_PIX_FORMAT;
   cap->capabilities = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING |
                       V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_DEVICE_CAPS;
   return 0;
@@ -168,10 +180,10 @@ int VideoStream::enumFrameSizes(v4l2_frmsizeenum* fsize) {
   }
   // Stepwise and continuous ranges are a single answer spanning the sizes.
   if (index != 0 || sizes.empty()) return EINVAL;
-  auto [minW, maxW] = std::minmax_element(sizes.begin(), sizes.end(),
-                                          [](auto& a, auto& b) { return a.width < b.width; });
-  auto [minH, maxH] = std::minmax_element(sizes.begin(), sizes.end(),
-                                          [](auto& a, auto& b) { return a.height < b.height; });
+  auto [minW, maxW] =
+      std::minmax_element(sizes.begin(), sizes.end(), [](auto& a, auto& b) { return a.width < b.width; });
+  auto [minH, maxH] =
+      std::minmax_element(sizes.begin(), sizes.end(), [](auto& a, auto& b) { return a.height < b.height; });
   const bool stepwise = config.video.sizeKind == SizeKind::Stepwise;
   fsize->type = stepwise ? V4L2_FRMSIZE_TYPE_STEPWISE : V4L2_FRMSIZE_TYPE_CONTINUOUS;
   fsize->stepwise.min_width = minW->width;
@@ -202,7 +214,7 @@ int VideoStream::enumFrameIntervals(v4l2_frmivalenum* fival) {
   const FrameInterval& max = iv.size() > 1 ? iv[1] : iv[0];
   const FrameInterval& step = iv.size() > 2 ? iv[2] : FrameInterval{1, 1000};
   fival->type = size->intervalKind == IntervalKind::Stepwise ? V4L2_FRMIVAL_TYPE_STEPWISE
-                                                              : V4L2_FRMIVAL_TYPE_CONTINUOUS;
+                                                             : V4L2_FRMIVAL_TYPE_CONTINUOUS;
   fival->stepwise.min = {min.numerator, min.denominator};
   fival->stepwise.max = {max.numerator, max.denominator};
   fival->stepwise.step = {step.numerator, step.denominator};
@@ -246,14 +258,12 @@ int VideoStream::setFmt(v4l2_format* fmt) {
   sizeImage_ = w * h * 2;
   const FrameSize* size = findSize(config.video, w, h);
   interval_ = size && size->intervalKind == IntervalKind::Discrete && !size->intervals.empty()
-                  ? v4l2_fract{size->intervals.front().numerator,
-                               size->intervals.front().denominator}
+                  ? v4l2_fract{size->intervals.front().numerator, size->intervals.front().denominator}
                   : kDefaultInterval;
   memset(&fmt->fmt, 0, sizeof(fmt->fmt));
   fmt->fmt.pix.width = w;
   fmt->fmt.pix.height = h;
-  fmt->fmt.pix.pixelformat =
-      faults.answerPixelFormat != 0 ? faults.answerPixelFormat : V4L2_PIX_FMT_YUYV;
+  fmt->fmt.pix.pixelformat = faults.answerPixelFormat != 0 ? faults.answerPixelFormat : V4L2_PIX_FMT_YUYV;
   fmt->fmt.pix.field = V4L2_FIELD_NONE;
   fmt->fmt.pix.bytesperline = w * 2;
   fmt->fmt.pix.sizeimage = sizeImage_;
@@ -320,8 +330,7 @@ void* VideoStream::mmap(size_t length, int prot, int flags, int64_t offset, int*
     return MAP_FAILED;
   }
   // Only whole buffers, at the offsets QUERYBUF hands out.
-  if (memFd_ == -1 || bufferStride_ == 0 || offset < 0 ||
-      static_cast<size_t>(offset) % bufferStride_ != 0 ||
+  if (memFd_ == -1 || bufferStride_ == 0 || offset < 0 || static_cast<size_t>(offset) % bufferStride_ != 0 ||
       static_cast<size_t>(offset) / bufferStride_ >= states_.size() || length == 0 ||
       length > bufferStride_ || (flags & MAP_SHARED) == 0) {
     *error = EINVAL;
@@ -457,10 +466,8 @@ void VideoStream::releaseBuffersLocked() {
 }
 
 std::chrono::nanoseconds VideoStream::framePeriodLocked() const {
-  const v4l2_fract iv =
-      interval_.numerator != 0 && interval_.denominator != 0 ? interval_ : kDefaultInterval;
-  return std::chrono::nanoseconds(static_cast<int64_t>(1000000000LL) * iv.numerator /
-                                  iv.denominator);
+  const v4l2_fract iv = interval_.numerator != 0 && interval_.denominator != 0 ? interval_ : kDefaultInterval;
+  return std::chrono::nanoseconds(static_cast<int64_t>(1000000000LL) * iv.numerator / iv.denominator);
 }
 
 void VideoStream::producerLoop() {

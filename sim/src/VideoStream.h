@@ -5,10 +5,9 @@
 // real call: readable exactly while a VIDIOC_DQBUF would succeed.
 #pragma once
 
+#include <linux/videodev2.h>
 #include <tqsim/CameraConfig.h>
 #include <tqsim/Sim.h>
-
-#include <linux/videodev2.h>
 
 #include <atomic>
 #include <chrono>
@@ -29,8 +28,7 @@ class VideoStream {
  public:
   // Opens the node for `camera`; null with *error set (errno value) when the
   // eventfd cannot be made.
-  static std::unique_ptr<VideoStream> create(std::shared_ptr<Camera> camera, bool captureNode,
-                                             int* error);
+  static std::unique_ptr<VideoStream> create(std::shared_ptr<Camera> camera, bool captureNode, int* error);
   ~VideoStream();
   VideoStream(const VideoStream&) = delete;
   VideoStream& operator=(const VideoStream&) = delete;

@@ -28,8 +28,7 @@ inline void fillFrame(uint8_t* dst, size_t size, uint32_t frameNumber) {
   const size_t header = size < kFrameHeaderBytes ? size : kFrameHeaderBytes;
   for (size_t i = 0; i < header; ++i) dst[i] = framePatternByte(frameNumber, i);
   const uint8_t base = static_cast<uint8_t>(frameNumber * 3);
-  for (size_t i = kFrameHeaderBytes; i < size; ++i)
-    dst[i] = static_cast<uint8_t>(i * 7 + (i >> 11) + base);
+  for (size_t i = kFrameHeaderBytes; i < size; ++i) dst[i] = static_cast<uint8_t>(i * 7 + (i >> 11) + base);
 }
 
 // The frame number a frame claims; false when it is shorter than the header or
