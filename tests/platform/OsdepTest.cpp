@@ -96,8 +96,12 @@ TEST(OsdepEvent, WaitResults) {
   for (uint32_t timeout : {uint32_t{10000}, RKOS_INFINITE}) {
     RkOsResetEvent(&ev);
     std::atomic<int> result{-2};
-    std::thread waiter([&] { result = RkOsWaitForEvent(&ev, timeout); });
-    std::this_thread::sleep_for(20ms);  // give the waiter a chance to block first
+    std::atomic<bool> waiting{false};
+    std::thread waiter([&] {
+      waiting = true;
+      result = RkOsWaitForEvent(&ev, timeout);
+    });
+    ASSERT_TRUE(waitUntil([&] { return waiting.load(); }));
     start = Clock::now();
     RkOsSetEvent(&ev);
     waiter.join();
