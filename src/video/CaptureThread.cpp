@@ -88,8 +88,7 @@ int CaptureThread::open(char* device) {
     FrameSizeEntry& entry = frameSizes[recorded];
     entry.width = static_cast<int32_t>(fsize.discrete.width);
     entry.height = static_cast<int32_t>(fsize.discrete.height);
-    LIBLog.Debug("CaptureThread::enum_frame_sizes[%d] wxh = %dx%d\n", recorded, entry.width,
-                 entry.height);
+    LIBLog.Debug("CaptureThread::enum_frame_sizes[%d] wxh = %dx%d\n", recorded, entry.width, entry.height);
     entry.nFrameRates = 0;
     enumFrameIntervals(fd, entry);
     ++recorded;
@@ -121,8 +120,7 @@ int CaptureThread::enumFrameIntervals(int fd, FrameSizeEntry& entry) {
     entry.frameRates[entry.nFrameRates] = static_cast<int32_t>(fival.discrete.denominator);
     ++entry.nFrameRates;
     LIBLog.Debug("CaptureThread::enum_frame_intervals[%d] num/denom = %d/%d\n", entry.nFrameRates,
-                 static_cast<int>(fival.discrete.numerator),
-                 static_cast<int>(fival.discrete.denominator));
+                 static_cast<int>(fival.discrete.numerator), static_cast<int>(fival.discrete.denominator));
   }
   return entry.nFrameRates;
 }
@@ -133,8 +131,7 @@ int CaptureThread::SetStreamingFormat(int w, int h) {
   int count = nFrameSizes > LIST_MAX_NUM + 1 ? LIST_MAX_NUM + 1 : nFrameSizes;
   int chosen = 0;
   if (!(nFrameSizes < 1 || w > frameSizes[0].width || h > frameSizes[0].height)) {
-    while (chosen + 1 < count && frameSizes[chosen + 1].width >= w &&
-           frameSizes[chosen + 1].height >= h)
+    while (chosen + 1 < count && frameSizes[chosen + 1].width >= w && frameSizes[chosen + 1].height >= h)
       ++chosen;
   }
   width = frameSizes[chosen].width;
@@ -302,8 +299,8 @@ void* CaptureThread::ThreadRoutine() {
         LIBLog.Error("CaptureThread::ThreadRoutine: interrupted system call\n");
         continue;
       }
-      LIBLog.Error("CaptureThread::ThreadRoutine: select returned error: \"%s\" (errno:%d)\n",
-                   strerror(err), err);
+      LIBLog.Error("CaptureThread::ThreadRoutine: select returned error: \"%s\" (errno:%d)\n", strerror(err),
+                   err);
       return nullptr;
     }
 
@@ -314,9 +311,8 @@ void* CaptureThread::ThreadRoutine() {
     int retval = 0;
     if (xioctl(fd, VIDIOC_DQBUF, &buf) != 0) {
       int err = errno;
-      LIBLog.Error(
-          "CaptureThread::ThreadRoutine: xioctl VIDIOC_DQBUF returned error: \"%s\" (errno:%d)\n",
-          strerror(err), err);
+      LIBLog.Error("CaptureThread::ThreadRoutine: xioctl VIDIOC_DQBUF returned error: \"%s\" (errno:%d)\n",
+                   strerror(err), err);
       memset(&buf, 0, sizeof(buf));
       buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
       buf.memory = V4L2_MEMORY_MMAP;
@@ -330,13 +326,12 @@ void* CaptureThread::ThreadRoutine() {
                  static_cast<int>(buf.flags), rc, retval);
     CaptureCallback fn = callback.load();
     if (fn)
-      fn(static_cast<unsigned char*>(start), static_cast<int>(buf.bytesused), static_cast<int>(cameraIndex.load()),
-         callbackContext.load());
+      fn(static_cast<unsigned char*>(start), static_cast<int>(buf.bytesused),
+         static_cast<int>(cameraIndex.load()), callbackContext.load());
     if (xioctl(fd, VIDIOC_QBUF, &buf) != 0) {
       int err = errno;
-      LIBLog.Error(
-          "CaptureThread::ThreadRoutine: xioctl VIDIOC_QBUF returned error: \"%s\" (errno:%d)\n",
-          strerror(err), err);
+      LIBLog.Error("CaptureThread::ThreadRoutine: xioctl VIDIOC_QBUF returned error: \"%s\" (errno:%d)\n",
+                   strerror(err), err);
     }
   }
 

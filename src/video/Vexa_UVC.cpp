@@ -20,8 +20,7 @@ int Vexa_UVC::OpenStreaming(unsigned char index, char* devicePath, _Formats* lis
   return KOR_UVC_StreamGetResolutionList(index, list, count);
 }
 
-void Vexa_UVC::GetStreamingFrameFormat(unsigned char index, int* width, int* height,
-                                       int* lineBytes) {
+void Vexa_UVC::GetStreamingFrameFormat(unsigned char index, int* width, int* height, int* lineBytes) {
   KOR_UVC_StreamGetFrameFormat(index, width, height, lineBytes);
 }
 
@@ -44,8 +43,7 @@ int Vexa_UVC::StopStreaming(unsigned char index) {
 
 void Vexa_UVC::CloseStreaming(unsigned char index) { KOR_UVC_StreamClose(index); }
 
-int Vexa_UVC::RegisterNewBufferCallback(unsigned char index, NewBufferCallback callback,
-                                        void* context) {
+int Vexa_UVC::RegisterNewBufferCallback(unsigned char index, NewBufferCallback callback, void* context) {
   // Context first: a capture thread that sees the new callback also sees its context.
   newBufferContexts[index] = context;
   newBufferCallbacks[index] = callback;

@@ -26,7 +26,7 @@ struct Size {
   std::vector<int> rates;
 };
 
-FrameSize discreteSize(uint32_t w, uint32_t h, std::vector<uint32_t> fps) {
+FrameSize discreteSize(uint32_t w, uint32_t h, const std::vector<uint32_t>& fps) {
   FrameSize size;
   size.width = w;
   size.height = h;
@@ -71,34 +71,57 @@ TEST_F(CaptureThreadTest, ListsDiscreteSizesAndRatesAsTheNodeOffersThem) {
   std::vector<uint32_t> twelveRates{60, 55, 50, 45, 40, 35, 30, 25, 20, 15, 10, 5};
 
   const std::vector<Case> cases = {
-      {"default camera", [](CameraConfig&) {}, kCapturePath, 3,
-       {{1280, 960, {30, 15}}, {640, 480, {30, 15}}, {320, 240, {30, 15}}}, nullptr},
+      {"default camera",
+       [](CameraConfig&) {},
+       kCapturePath,
+       3,
+       {{1280, 960, {30, 15}}, {640, 480, {30, 15}}, {320, 240, {30, 15}}},
+       nullptr},
       {"no sizes", [](CameraConfig& c) { c.video.sizes.clear(); }, kCapturePath, 0, {}, nullptr},
       {"metadata node", [](CameraConfig&) {}, kMetadataPath, 0, {}, nullptr},
-      {"twelve sizes", [&](CameraConfig& c) { c.video.sizes = twelveSizes; }, kCapturePath, 11,
-       twelve, nullptr},
-      {"stepwise sizes", [](CameraConfig& c) { c.video.sizeKind = tqsim::SizeKind::Stepwise; },
-       kCapturePath, 0, {}, "  fsize.type not supported: 3"},
-      {"continuous sizes", [](CameraConfig& c) { c.video.sizeKind = tqsim::SizeKind::Continuous; },
-       kCapturePath, 0, {}, "  fsize.type not supported: 2"},
+      {"twelve sizes", [&](CameraConfig& c) { c.video.sizes = twelveSizes; }, kCapturePath, 11, twelve,
+       nullptr},
+      {"stepwise sizes",
+       [](CameraConfig& c) { c.video.sizeKind = tqsim::SizeKind::Stepwise; },
+       kCapturePath,
+       0,
+       {},
+       "  fsize.type not supported: 3"},
+      {"continuous sizes",
+       [](CameraConfig& c) { c.video.sizeKind = tqsim::SizeKind::Continuous; },
+       kCapturePath,
+       0,
+       {},
+       "  fsize.type not supported: 2"},
       {"stepwise interval",
        [](CameraConfig& c) {
          c.video.sizes = {discreteSize(800, 600, {5, 30}), discreteSize(640, 480, {30})};
          c.video.sizes[0].intervalKind = IntervalKind::Stepwise;
        },
-       kCapturePath, 2, {{800, 600, {}}, {640, 480, {30}}}, "  error: enum_frame_intervals"},
+       kCapturePath,
+       2,
+       {{800, 600, {}}, {640, 480, {30}}},
+       "  error: enum_frame_intervals"},
       {"continuous interval",
        [](CameraConfig& c) {
          c.video.sizes = {discreteSize(800, 600, {5, 30})};
          c.video.sizes[0].intervalKind = IntervalKind::Continuous;
        },
-       kCapturePath, 1, {{800, 600, {}}}, "  error: enum_frame_intervals"},
+       kCapturePath,
+       1,
+       {{800, 600, {}}},
+       "  error: enum_frame_intervals"},
       {"twelve rates",
        [&](CameraConfig& c) { c.video.sizes = {discreteSize(640, 480, twelveRates)}; },
-       kCapturePath, 1, {{640, 480, {60, 55, 50, 45, 40, 35, 30, 25, 20, 15, 10}}},
+       kCapturePath,
+       1,
+       {{640, 480, {60, 55, 50, 45, 40, 35, 30, 25, 20, 15, 10}}},
        "---> list_fps_len(11) > LIST_MAX_NUM(10)"},
-      {"enumeration error", [](CameraConfig& c) { c.videoFaults.enumSizesErrno = EIO; },
-       kCapturePath, 0, {{1280, 960, {30, 15}}, {640, 480, {30, 15}}, {320, 240, {30, 15}}},
+      {"enumeration error",
+       [](CameraConfig& c) { c.videoFaults.enumSizesErrno = EIO; },
+       kCapturePath,
+       0,
+       {{1280, 960, {30, 15}}, {640, 480, {30, 15}}, {320, 240, {30, 15}}},
        "VIDIOC_ENUM_FRAMESIZES - Error enumerating frame sizes"},
   };
 
@@ -119,9 +142,7 @@ TEST_F(CaptureThreadTest, ListsDiscreteSizesAndRatesAsTheNodeOffersThem) {
     if (c.logText) {
       EXPECT_EQ(log.countExact(c.logText), 1u) << c.logText;
     }
-    EXPECT_EQ(log.countExact(std::string("CaptureThread::open close video device: \"") + c.path +
-                             "\""),
-              1u);
+    EXPECT_EQ(log.countExact(std::string("CaptureThread::open close video device: \"") + c.path + "\""), 1u);
     EXPECT_EQ(tqsim::openVideoNodes(id), 0) << "open must close the node again";
   }
 }
@@ -162,8 +183,8 @@ TEST_F(CaptureThreadTest, FormatChoiceTakesTheLastCoveringEntryOfTheLeadingRun) 
       {{}, 640, 480, 0, 0, 0},  // nothing listed: entry 0 as it is
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.list.size() << " sizes, request " << c.requestW << "x"
-                                      << c.requestH);
+    SCOPED_TRACE(::testing::Message()
+                 << c.list.size() << " sizes, request " << c.requestW << "x" << c.requestH);
     CaptureThread capture;
     capture.nFrameSizes = int(c.list.size());
     for (size_t i = 0; i < c.list.size(); ++i) {
@@ -280,9 +301,10 @@ TEST_F(StreamingTest, UnplugEndsTheThreadAndCloseReleasesWhatItLeft) {
   ASSERT_EQ(capture.start(), 0);
   ASSERT_TRUE(sink_.waitForFrames(2, 3s));
   ASSERT_TRUE(tqsim::unplugCamera(id_));
-  ASSERT_TRUE(log.waitFor("CaptureThread::ThreadRoutine: select returned error: \"Bad file "
-                          "descriptor\" (errno:9)",
-                          3s));
+  ASSERT_TRUE(
+      log.waitFor("CaptureThread::ThreadRoutine: select returned error: \"Bad file "
+                  "descriptor\" (errno:9)",
+                  3s));
   // The early end keeps `running`: a new start is refused until close.
   EXPECT_TRUE(capture.running);
   EXPECT_EQ(capture.start(), -23);
@@ -357,10 +379,10 @@ TEST_F(StreamingTest, ShortFramesAndDequeueErrorsReachTheCallbackAsTheDriverSays
     f = {};
     f.dqbufErrno = EIO;
   });
-  ASSERT_TRUE(log.waitFor(
-      "CaptureThread::ThreadRoutine: xioctl VIDIOC_DQBUF returned error: \"Input/output error\" "
-      "(errno:5)",
-      3s));
+  ASSERT_TRUE(
+      log.waitFor("CaptureThread::ThreadRoutine: xioctl VIDIOC_DQBUF returned error: \"Input/output error\" "
+                  "(errno:5)",
+                  3s));
   ASSERT_TRUE(waitUntil(
       [&] {
         auto f = sink_.frames();

@@ -31,8 +31,7 @@ TEST(FramePatternTest, VerifyFindsTheFirstWrongByteOfDamagedFrames) {
       {"zero filled", [](auto& f) { std::fill(f.begin(), f.end(), 0); }, 0},
       {"tail of the next frame",
        [&](auto& f) { std::copy(other.begin() + 100000, other.end(), f.begin() + 100000); }, 100000},
-      {"shifted by one line",
-       [](auto& f) { std::copy(f.begin() + 640, f.end(), f.begin() + 8); }, 8},
+      {"shifted by one line", [](auto& f) { std::copy(f.begin() + 640, f.end(), f.begin() + 8); }, 8},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

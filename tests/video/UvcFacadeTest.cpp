@@ -119,8 +119,7 @@ TEST_F(UvcFacadeTest, ReceiveCallbackRoutesByTheLowByteOfTheNumber) {
   tqtest::LogCapture log;
   unsigned char data[16] = {};
   EXPECT_EQ(Vexa_UVC::ReceiveCallbackStream(data, 16, 1, nullptr), 0);
-  EXPECT_EQ(log.countExact("Vexa_UVC::ReceiveCallbackStream: class context not defined: (nil)"),
-            1u);
+  EXPECT_EQ(log.countExact("Vexa_UVC::ReceiveCallbackStream: class context not defined: (nil)"), 1u);
 
   Vexa_UVC uvc;
   FrameSink sink;
@@ -130,8 +129,7 @@ TEST_F(UvcFacadeTest, ReceiveCallbackRoutesByTheLowByteOfTheNumber) {
   EXPECT_EQ(uvc.frameCount, 1u);
   EXPECT_EQ(Vexa_UVC::ReceiveCallbackStream(data, 16, 3, &uvc), 0);
   EXPECT_EQ(sink.count(), 1u);
-  EXPECT_EQ(log.countExact("Vexa_UVC::NewBufferCallBack: callback function not defned yet: (nil)"),
-            1u);
+  EXPECT_EQ(log.countExact("Vexa_UVC::NewBufferCallBack: callback function not defned yet: (nil)"), 1u);
 }
 
 TEST_F(UvcFacadeTest, CloseOfAStreamingNumberStopsItsThread) {

@@ -21,8 +21,7 @@ void FrameSink::add(const unsigned char* data, int size, int cameraIndex) {
   Frame frame;
   frame.size = size;
   frame.cameraIndex = cameraIndex;
-  frame.patternOk = data && size > 0 &&
-                    tqsim::verifyFrame(data, static_cast<size_t>(size), &frame.number);
+  frame.patternOk = data && size > 0 && tqsim::verifyFrame(data, static_cast<size_t>(size), &frame.number);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     frames_.push_back(frame);
@@ -69,8 +68,7 @@ tqsim::CameraId VideoSimTest::plug(const tqsim::CameraConfig& config) {
   return id;
 }
 
-void VideoSimTest::setFaults(tqsim::CameraId id,
-                             const std::function<void(tqsim::VideoFaults&)>& change) {
+void VideoSimTest::setFaults(tqsim::CameraId id, const std::function<void(tqsim::VideoFaults&)>& change) {
   tqsim::CameraConfig config;
   ASSERT_TRUE(tqsim::cameraConfig(id, config));
   change(config.videoFaults);
