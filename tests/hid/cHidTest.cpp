@@ -1,0 +1,135 @@
+#include "hid/cHid.h"
+
+#include <gtest/gtest.h>
+#include <tqsim/Sim.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <vector>
+
+#include "HidFixture.h"
+#include "LogCapture.h"
+
+namespace hidtest {
+namespace {
+
+using namespace std::chrono_literals;
+
+class cHidDevice : public SimTest {
+ protected:
+  void SetUp() override {
+    SimTest::SetUp();
+    cam_ = plug(cameraOn(0, 0, "CHID"));
+  }
+  tqsim::CameraId cam_ = tqsim::kNoCamera;
+};
+
+// Collects the reports the reader thread delivers.
+struct Inbox {
+  std::mutex lock;
+  std::condition_variable arrived;
+  std::vector<std::vector<uint8_t>> reports;
+
+  static int take(unsigned char* report, void* ctx) {
+    auto* self = static_cast<Inbox*>(ctx);
+    {
+      std::lock_guard<std::mutex> g(self->lock);
+      self->reports.emplace_back(report, report + 64);
+    }
+    self->arrived.notify_all();
+    return 0;
+  }
+  bool waitFor(size_t n) {
+    std::unique_lock<std::mutex> g(lock);
+    return arrived.wait_for(g, 3s, [&] { return reports.size() >= n; });
+  }
+};
+
+TEST_F(cHidDevice, OpenFailureLeavesItClosed) {
+  cHid hid(0);
+  EXPECT_EQ(hid._open("/dev/hidraw7"), 1);
+  EXPECT_EQ(hid.fd, -1);
+  EXPECT_EQ(hid.thread, pthread_t{});
+  EXPECT_FALSE(hid.IsOpen());
+  uint8_t data[4] = {};
+  EXPECT_EQ(hid.hidReport(1, 0x5C, data, 4), -1);
+  EXPECT_EQ(hid.hidFeatureRd(1, data, 4), -1);
+  hid._close();
+  EXPECT_EQ(tqsim::receivedReports(cam_).size(), 0u);
+}
+
+TEST_F(cHidDevice, ReportsAreWrittenAsIdCommandAndLenBytes) {
+  cHid hid(0);
+  ASSERT_EQ(hid._open("/dev/hidraw0"), 0);
+  EXPECT_TRUE(hid.IsOpen());
+  EXPECT_NE(hid.thread, pthread_t{});
+  EXPECT_EQ(tqsim::openHidNodes(cam_), 1);
+
+  uint8_t data[300];
+  for (int i = 0; i < 300; ++i) data[i] = static_cast<uint8_t>(i + 1);
+  struct {
+    uint8_t len;
+    size_t written;
+  } cases[] = {{0, 2}, {3, 5}, {254, 256}, {255, 256}};
+  for (const auto& c : cases) {
+    tqsim::clearReceivedReports(cam_);
+    ASSERT_EQ(hid.hidReport(7, 0x42, data, c.len), 0);
+    ASSERT_TRUE(tqsim::waitForReports(cam_, 1, 2000ms));
+    auto got = tqsim::receivedReports(cam_);
+    ASSERT_EQ(got.size(), 1u);
+    std::vector<uint8_t> expected = {7, 0x42};
+    expected.insert(expected.end(), data, data + (c.written - 2));
+    EXPECT_EQ(got[0], expected) << "len " << int(c.len);
+  }
+  hid._close();
+  EXPECT_FALSE(hid.IsOpen());
+  EXPECT_EQ(hid.thread, pthread_t{});
+  EXPECT_EQ(tqsim::openHidNodes(cam_), 0);
+}
+
+TEST_F(cHidDevice, InputReportsReachTheCallbackOnTheReaderThread) {
+  tqtest::LogCapture log;
+  cHid hid(0);
+  ASSERT_EQ(hid._open("/dev/hidraw0"), 0);
+
+  // No consumer yet: the report is dropped with an error.
+  ASSERT_TRUE(tqsim::sendEvent(cam_, {9, 8, 7}));
+  EXPECT_TRUE(log.waitFor("cHid::ThreadRoutine callback undefined", 3000ms));
+
+  Inbox inbox;
+  hid.setCallback(&Inbox::take, &inbox);
+  ASSERT_TRUE(tqsim::sendEvent(cam_, {1, 2, 3}));
+  ASSERT_TRUE(inbox.waitFor(1));
+  {
+    std::lock_guard<std::mutex> g(inbox.lock);
+    EXPECT_EQ(inbox.reports[0][0], 2);
+    EXPECT_EQ(inbox.reports[0][1], 1);
+    EXPECT_EQ(inbox.reports[0][3], 3);
+    EXPECT_EQ(inbox.reports[0][4], 0);
+  }
+
+  // Closing joins the reader without waiting out its poll interval.
+  auto start = std::chrono::steady_clock::now();
+  hid._close();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+  EXPECT_TRUE(log.contains("cHid::ThreadRoutine finished"));
+}
+
+TEST_F(cHidDevice, UnpluggedNodeFailsWritesAndFeatureReads) {
+  cHid hid(0);
+  ASSERT_EQ(hid._open("/dev/hidraw0"), 0);
+  ASSERT_TRUE(tqsim::unplugCamera(cam_));
+  uint8_t data[4] = {};
+  tqtest::LogCapture log;
+  EXPECT_EQ(hid.hidReport(1, 0x5C, data, 4), 1);
+  EXPECT_TRUE(log.contains("cHid::hidReport: Error:"));
+  EXPECT_EQ(hid.hidFeatureRd(1, data, 4), 1);
+  EXPECT_TRUE(log.contains("cHid::hidFeatureRd error in ioctl: HIDIOCSFEATURE"));
+  // Still open until closed: the reader keeps running on the dead node.
+  EXPECT_TRUE(hid.IsOpen());
+  hid._close();
+}
+
+}  // namespace
+}  // namespace hidtest
