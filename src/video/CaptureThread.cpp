@@ -155,6 +155,9 @@ int CaptureThread::start() {
     releaseStream();
   }
   threadFinished_ = false;
+  streamWidth_ = width;
+  streamHeight_ = height;
+  streamRate_ = frameRate;
   int rc = pthread_create(&thread, nullptr, CaptureThreadRoutineStatic, this);
   if (rc != 0) {
     LIBLog.Error("CaptureThread::start: error creating thread: %d\n", rc);
@@ -199,7 +202,7 @@ void CaptureThread::releaseStream() {
 }
 
 void* CaptureThread::ThreadRoutine() {
-  LIBLog.Debug("--> CaptureThread::run (%dx%d) \n", width, height);
+  LIBLog.Debug("--> CaptureThread::run (%dx%d) \n", streamWidth_, streamHeight_);
   running = true;
 
   int fd = v4l2_open(devicePath, O_RDWR | O_NONBLOCK, 0);
@@ -212,8 +215,8 @@ void* CaptureThread::ThreadRoutine() {
   v4l2_format fmt;
   memset(&fmt, 0, sizeof(fmt));
   fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-  fmt.fmt.pix.width = static_cast<uint32_t>(width);
-  fmt.fmt.pix.height = static_cast<uint32_t>(height);
+  fmt.fmt.pix.width = static_cast<uint32_t>(streamWidth_);
+  fmt.fmt.pix.height = static_cast<uint32_t>(streamHeight_);
   fmt.fmt.pix.pixelformat = V4L2_PIX_FMT_YUYV;
   fmt.fmt.pix.field = V4L2_FIELD_NONE;
   if (xioctl(fd, VIDIOC_S_FMT, &fmt) != 0) {
@@ -224,8 +227,8 @@ void* CaptureThread::ThreadRoutine() {
     LIBLog.Debug("---> Error format \n");
     return nullptr;
   }
-  if (fmt.fmt.pix.width != static_cast<uint32_t>(width) ||
-      fmt.fmt.pix.height != static_cast<uint32_t>(height))
+  if (fmt.fmt.pix.width != static_cast<uint32_t>(streamWidth_) ||
+      fmt.fmt.pix.height != static_cast<uint32_t>(streamHeight_))
     LIBLog.Debug("---> Error size %dx%d\n", static_cast<int>(fmt.fmt.pix.width),
                  static_cast<int>(fmt.fmt.pix.height));
   imageSize = fmt.fmt.pix.sizeimage;
@@ -234,7 +237,7 @@ void* CaptureThread::ThreadRoutine() {
   memset(&parm, 0, sizeof(parm));
   parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
   xioctl(fd, VIDIOC_G_PARM, &parm);
-  parm.parm.capture.timeperframe.denominator = static_cast<uint32_t>(frameRate);
+  parm.parm.capture.timeperframe.denominator = static_cast<uint32_t>(streamRate_);
   xioctl(fd, VIDIOC_S_PARM, &parm);
 
   v4l2_requestbuffers req;

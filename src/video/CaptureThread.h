@@ -88,6 +88,11 @@ class CaptureThread {
 
   // The node the thread opened, -1 when none; touched by the thread while it
   // lives and by the caller only after joining it.
+  // The format the thread applies, taken by start so that a later
+  // SetStreamingFormat on the caller's thread never races with the thread.
+  int32_t streamWidth_ = 0;
+  int32_t streamHeight_ = 0;
+  int32_t streamRate_ = 0;
   int streamFd_ = -1;
   uint32_t mappedCount_ = 0;
   std::unique_ptr<MappedBuffer[]> bufferStore_;
