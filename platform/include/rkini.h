@@ -24,8 +24,7 @@ int RkIniLoad(RkIniHandle ini, const char* path);
 /* The integer at [section] key, or `defaultValue` when the object, section or key
  * is missing or the value is not a number. `flags` bit 0 accepts 0x-prefixed
  * hexadecimal besides decimal (negative numbers are always accepted). */
-long RkIniGetInteger(RkIniHandle ini, const char* section, const char* key, long defaultValue,
-                     int flags);
+long RkIniGetInteger(RkIniHandle ini, const char* section, const char* key, long defaultValue, int flags);
 
 /* Frees the object; NULL is ignored. */
 void RkIniClose(RkIniHandle ini);

@@ -40,8 +40,8 @@ int rklog_Enabled(unsigned int source, unsigned int level);
 /* Writes one line: time, thread id, source[:userId], level, the calling thread's
  * indentation and the printf-formatted text without its trailing newline. Writes
  * nothing for an unknown source or a disabled level. `userId` may be NULL. */
-void rklog_WriteArgList(unsigned int source, unsigned int level, const char* userId,
-                        const char* fmt, va_list args);
+void rklog_WriteArgList(unsigned int source, unsigned int level, const char* userId, const char* fmt,
+                        va_list args);
 
 /* Per-thread indentation of the text, one step per call; `owner` identifies the
  * scope object (kept for diagnosis only). Decrement never goes below zero. */

@@ -106,8 +106,7 @@ bool parseInteger(const std::string& text, bool allowHex, long* result) {
     p += 2;
   }
   // strtoul would also take a second sign or leading blanks here.
-  bool digitFirst = base == 16 ? isxdigit(static_cast<unsigned char>(*p)) != 0
-                               : (*p >= '0' && *p <= '9');
+  bool digitFirst = base == 16 ? isxdigit(static_cast<unsigned char>(*p)) != 0 : (*p >= '0' && *p <= '9');
   if (!digitFirst) return false;
   errno = 0;
   char* end = nullptr;
@@ -155,8 +154,8 @@ TQ_EXPORT int RkIniLoad(RkIniHandle ini, const char* path) {
   }
 }
 
-TQ_EXPORT long RkIniGetInteger(RkIniHandle ini, const char* section, const char* key,
-                               long defaultValue, int flags) {
+TQ_EXPORT long RkIniGetInteger(RkIniHandle ini, const char* section, const char* key, long defaultValue,
+                               int flags) {
   if (!ini || !key) return defaultValue;
   try {
     std::lock_guard<std::mutex> lock(ini->mutex);

@@ -70,8 +70,7 @@ void openOutputLocked() {
   memcpy(outputPath, path, strlen(path) + 1);
   outputFd = openLogFile(outputPath);
   if (outputFd < 0) {
-    dprintf(2, "tq.log: cannot open log file \"%s\" (%s), logging to stderr\n", outputPath,
-            strerror(errno));
+    dprintf(2, "tq.log: cannot open log file \"%s\" (%s), logging to stderr\n", outputPath, strerror(errno));
     return;
   }
   struct stat st;
@@ -93,8 +92,7 @@ void rotateLocked() {
   outputSize = 0;
   if (outputFd < 0) {
     outputRegular = false;
-    dprintf(2, "tq.log: cannot reopen \"%s\" (%s), logging to stderr\n", outputPath,
-            strerror(errno));
+    dprintf(2, "tq.log: cannot reopen \"%s\" (%s), logging to stderr\n", outputPath, strerror(errno));
   }
 }
 
@@ -142,8 +140,7 @@ void formatTime(char* buf, size_t size) {
   snprintf(buf + n, size - n, ".%03ld", ts.tv_nsec / 1000000);
 }
 
-void emitLocked(rklog_Record* record, const char* prefixAfterTime, const char* text,
-                bool toSinks) {
+void emitLocked(rklog_Record* record, const char* prefixAfterTime, const char* text, bool toSinks) {
   if (!outputOpen) openOutputLocked();
   char stamp[48];
   formatTime(stamp, sizeof(stamp));

@@ -144,9 +144,8 @@ bool parseLevelMask(const char* word, size_t length, unsigned* mask) {
     unsigned mask;
   };
   static const Named kNames[] = {
-      {"off", 0},       {"none", 0},      {"fatal", 0x01}, {"error", 0x03},
-      {"warning", 0x07}, {"warn", 0x07},  {"info", 0x0F},  {"debug", 0x1F},
-      {"trace", 0x3F},  {"all", kAllLevels},
+      {"off", 0},     {"none", 0},    {"fatal", 0x01}, {"error", 0x03}, {"warning", 0x07},
+      {"warn", 0x07}, {"info", 0x0F}, {"debug", 0x1F}, {"trace", 0x3F}, {"all", kAllLevels},
   };
   if (length == 0) return false;
   for (const Named& n : kNames) {

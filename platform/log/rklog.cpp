@@ -65,8 +65,7 @@ std::string formatText(const char* fmt, va_list args) {
   return big;
 }
 
-void writeLine(unsigned source, unsigned level, const char* userId, const char* fmt,
-               va_list args) {
+void writeLine(unsigned source, unsigned level, const char* userId, const char* fmt, va_list args) {
   const char* name = tqlog::sourceName(source);
   if (!name || level == 0 || (tqlog::enabledLevels(source) & level) == 0) return;
   std::string text = formatText(fmt, args);
@@ -77,8 +76,7 @@ void writeLine(unsigned source, unsigned level, const char* userId, const char* 
   int printed = indent < kMaxPrintedIndent ? indent : kMaxPrintedIndent;
 
   char head[160];
-  snprintf(head, sizeof(head), "%lu %s%s%s %s ", tid, name, user[0] ? ":" : "", user,
-           levelName(level));
+  snprintf(head, sizeof(head), "%lu %s%s%s %s ", tid, name, user[0] ? ":" : "", user, levelName(level));
   std::string prefix(head);
   prefix.append(static_cast<size_t>(printed) * 2, ' ');
 

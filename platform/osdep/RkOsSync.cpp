@@ -28,8 +28,7 @@ class MutexUnlocker {
 
 bool usable(const RkOsCriticalSection* cs, const char* what) {
   if (cs && cs->initialized) return true;
-  tqos::osLog(RKLOG_ERROR, "%s: critical section %s is not initialised", what,
-              cs ? "" : "(null)");
+  tqos::osLog(RKLOG_ERROR, "%s: critical section %s is not initialised", what, cs ? "" : "(null)");
   return false;
 }
 
@@ -49,15 +48,13 @@ TQ_EXPORT void RkOsInitializeCriticalSection(RkOsCriticalSection* cs, const char
 TQ_EXPORT void RkOsEnterCriticalSection(RkOsCriticalSection* cs) {
   if (!usable(cs, "RkOsEnterCriticalSection")) return;
   int rc = pthread_mutex_lock(&cs->mutex);
-  if (rc != 0)
-    tqos::osLog(RKLOG_ERROR, "RkOsEnterCriticalSection: \"%s\": %s", cs->name, strerror(rc));
+  if (rc != 0) tqos::osLog(RKLOG_ERROR, "RkOsEnterCriticalSection: \"%s\": %s", cs->name, strerror(rc));
 }
 
 TQ_EXPORT void RkOsLeaveCriticalSection(RkOsCriticalSection* cs) {
   if (!usable(cs, "RkOsLeaveCriticalSection")) return;
   int rc = pthread_mutex_unlock(&cs->mutex);
-  if (rc != 0)
-    tqos::osLog(RKLOG_ERROR, "RkOsLeaveCriticalSection: \"%s\": %s", cs->name, strerror(rc));
+  if (rc != 0) tqos::osLog(RKLOG_ERROR, "RkOsLeaveCriticalSection: \"%s\": %s", cs->name, strerror(rc));
 }
 
 TQ_EXPORT void RkOsDeleteCriticalSection(RkOsCriticalSection* cs) {
@@ -112,8 +109,7 @@ TQ_EXPORT int RkOsWaitForEvent(RkOsEvent* ev, uint32_t timeoutMs) {
   struct timespec deadline = tqos::deadlineAfter(timeoutMs);
   while (!ev->signalled) {
     if (timeoutMs == 0) return 1;
-    if (pthread_cond_timedwait(&ev->cond, &ev->mutex, &deadline) == ETIMEDOUT)
-      return ev->signalled ? 0 : 1;
+    if (pthread_cond_timedwait(&ev->cond, &ev->mutex, &deadline) == ETIMEDOUT) return ev->signalled ? 0 : 1;
   }
   return 0;
 }

@@ -144,8 +144,7 @@ TQ_EXPORT int RkOsStrnicmp(const char* a, const char* b, size_t n) {
 TQ_EXPORT uint64_t RkOsGetFileModificationTime(const char* path) {
   struct stat st;
   if (!path || stat(path, &st) != 0) return 0;
-  return static_cast<uint64_t>(st.st_mtim.tv_sec) * 1000000000u +
-         static_cast<uint64_t>(st.st_mtim.tv_nsec);
+  return static_cast<uint64_t>(st.st_mtim.tv_sec) * 1000000000u + static_cast<uint64_t>(st.st_mtim.tv_nsec);
 }
 
 TQ_EXPORT const char* RkOsGetCorvaleIniFile(void) {
@@ -172,8 +171,8 @@ TQ_EXPORT const char* RkOsGetCorvaleXmlCachePath(int create) {
     }
     if (dir.back() != '/') dir.push_back('/');
     if (create && !makeDirs(dir))
-      tqos::osLog(RKLOG_WARNING, "RkOsGetCorvaleXmlCachePath: cannot create \"%s\": %s",
-                  dir.c_str(), strerror(errno));
+      tqos::osLog(RKLOG_WARNING, "RkOsGetCorvaleXmlCachePath: cannot create \"%s\": %s", dir.c_str(),
+                  strerror(errno));
     return keep(dir);
   } catch (const std::exception&) {
     return "";

@@ -113,8 +113,7 @@ bool waitFinished(RkOsThread* t, uint32_t timeoutMs) {
   while (!t->finished) {
     if (timeoutMs == RKOS_INFINITE) {
       pthread_cond_wait(&t->cond, &t->mutex);
-    } else if (timeoutMs == 0 ||
-               pthread_cond_timedwait(&t->cond, &t->mutex, &deadline) == ETIMEDOUT) {
+    } else if (timeoutMs == 0 || pthread_cond_timedwait(&t->cond, &t->mutex, &deadline) == ETIMEDOUT) {
       ended = t->finished != 0;
       break;
     }
@@ -158,8 +157,7 @@ TQ_EXPORT int RkOsCreateThread(RkOsThread* t, RkOsThreadFn fn, void* arg) {
     }
   }
   if (!slot) {
-    tqos::osLog(RKLOG_ERROR, "RkOsCreateThread: \"%s\": more than %zu threads", t->name,
-                kMaxThreads);
+    tqos::osLog(RKLOG_ERROR, "RkOsCreateThread: \"%s\": more than %zu threads", t->name, kMaxThreads);
     return EAGAIN;
   }
   *slot = Slot{true, false, t, fn, arg};
@@ -210,8 +208,7 @@ TQ_EXPORT void RkOsDestroyThread(RkOsThread* t) {
     }
   }
   int rc = ended ? pthread_join(t->handle, nullptr) : pthread_detach(t->handle);
-  if (rc != 0)
-    tqos::osLog(RKLOG_ERROR, "RkOsDestroyThread: \"%s\": %s", t->name, strerror(rc));
+  if (rc != 0) tqos::osLog(RKLOG_ERROR, "RkOsDestroyThread: \"%s\": %s", t->name, strerror(rc));
   t->started = 0;
   t->finished = 0;
 }

@@ -101,8 +101,7 @@ TEST_F(IniTest, ValuesFormatsAndCase) {
   };
   for (const Case& c : cases)
     EXPECT_EQ(RkIniGetInteger(ini.get(), c.section, c.key, -1, c.flags), c.expected)
-        << (c.section ? c.section : "null") << "/" << (c.key ? c.key : "null") << " flags "
-        << c.flags;
+        << (c.section ? c.section : "null") << "/" << (c.key ? c.key : "null") << " flags " << c.flags;
 }
 
 TEST_F(IniTest, ReloadReplacesAndFailureKeepsContent) {
@@ -125,8 +124,7 @@ TEST_F(IniTest, ReloadReplacesAndFailureKeepsContent) {
 }
 
 TEST_F(IniTest, CommentCharactersAreThoseGiven) {
-  std::string text = "! bang comment\n[S]\nA = 5 ! why\n" + std::string("!") +
-                     std::string(300, 'c') + "\n";
+  std::string text = "! bang comment\n[S]\nA = 5 ! why\n" + std::string("!") + std::string(300, 'c') + "\n";
   std::string path = write("bang.ini", text);
   IniPtr bang(RkIniOpen("!"));
   ASSERT_EQ(RkIniLoad(bang.get(), path.c_str()), 1);

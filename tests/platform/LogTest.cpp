@@ -1,7 +1,7 @@
 #include <fcntl.h>
-#include <signal.h>
 #include <gtest/gtest.h>
 #include <rklog.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -119,7 +119,7 @@ TEST_F(LogTest, LevelsFollowConfigurationAndParentChain) {
   rklog_Configure("lvroot=TRACE,*=fatal");
   EXPECT_EQ(mask(child), 0x3Fu);
   EXPECT_EQ(mask(plain), 0x01u);
-  EXPECT_EQ(mask(own), 0x3Fu);  // its own entry is gone, so it inherits
+  EXPECT_EQ(mask(own), 0x3Fu);                   // its own entry is gone, so it inherits
   rklog_Configure("LvRoot=bogus,LvPlain=warn");  // a bad word is skipped, not fatal
   EXPECT_EQ(mask(child), 0x07u);
   EXPECT_EQ(mask(plain), 0x07u);
@@ -293,8 +293,7 @@ struct BlockingSink {
     auto* self = static_cast<BlockingSink*>(ctx);
     if (self->entered.exchange(true)) return;
     auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!self->release && std::chrono::steady_clock::now() < deadline)
-      std::this_thread::yield();
+    while (!self->release && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
     self->finished = true;
   }
 };

@@ -240,12 +240,16 @@ TEST(OsdepStrings, CaseInsensitiveCompares) {
     int full;
     int prefix;
   } cases[] = {
-      {"Tq.Uvc", "tq.uvc", 99, 0, 0},     {"abc", "ABD", 2, -1, 0},
-      {"abc", "ab", 99, 1, 1},            {"ab", "abc", 2, -1, 0},
-      {"", "", 0, 0, 0},                  {nullptr, nullptr, 5, 0, 0},
-      {nullptr, "a", 5, -1, -1},          {"a", nullptr, 5, 1, 1},
+      {"Tq.Uvc", "tq.uvc", 99, 0, 0},
+      {"abc", "ABD", 2, -1, 0},
+      {"abc", "ab", 99, 1, 1},
+      {"ab", "abc", 2, -1, 0},
+      {"", "", 0, 0, 0},
+      {nullptr, nullptr, 5, 0, 0},
+      {nullptr, "a", 5, -1, -1},
+      {"a", nullptr, 5, 1, 1},
       {"\xC4x", "\xE4x", 5, -1, -1},  // beyond ASCII: no folding, bytes unsigned
-      {"[", "a", 5, -1, -1},              // '[' sorts before letters whatever the case
+      {"[", "a", 5, -1, -1},          // '[' sorts before letters whatever the case
   };
   for (const Case& c : cases) {
     EXPECT_EQ(sign(RkOsStricmp(c.a, c.b)), c.full) << (c.a ? c.a : "null") << " vs " << (c.b ? c.b : "null");
@@ -336,7 +340,8 @@ TEST_F(OsdepEnv, FileModificationTime) {
 volatile sig_atomic_t trapCount = 0;
 
 TEST_F(OsdepEnv, DebugBreakLogsAndTrapsOnlyWhenAsked) {
-  struct sigaction sa {}, old{};
+  struct sigaction sa {
+  }, old{};
   sa.sa_handler = [](int) { trapCount = trapCount + 1; };
   sigaction(SIGTRAP, &sa, &old);
   tqtest::LogCapture cap;
