@@ -31,12 +31,8 @@ class NoCancel {
 };
 
 thread_local int indentSteps = 0;
-thread_local unsigned long cachedThreadId = 0;
-
-unsigned long threadId() {
-  if (cachedThreadId == 0) cachedThreadId = static_cast<unsigned long>(syscall(SYS_gettid));
-  return cachedThreadId;
-}
+// Not cached: a forked child would go on printing its parent's id.
+unsigned long threadId() { return static_cast<unsigned long>(syscall(SYS_gettid)); }
 
 const char* levelName(unsigned level) {
   if (level & RKLOG_FATAL) return "Fatal";
