@@ -45,7 +45,7 @@ TEST_F(VexaHidTransfer, DownloadsAreByteExact) {
     // One spare byte after the file must stay untouched.
     std::vector<char> buf(size + 1, '\x5A');
     ASSERT_EQ(hid_->ReadXML(cam_, buf.data(), static_cast<int>(size)), 0);
-    EXPECT_EQ(std::memcmp(buf.data(), file.data(), size), 0);
+    EXPECT_TRUE(Bytes(buf.begin(), buf.begin() + static_cast<long>(size)) == file);
     EXPECT_EQ(buf[size], '\x5A');
     EXPECT_EQ(chunkRequests(), (size + 1023) / 1024);
   }
