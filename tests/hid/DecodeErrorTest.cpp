@@ -70,24 +70,4 @@ TEST(DecodeError, ConcurrentCallersGetWholeTexts) {
   for (int t = 0; t < 4; ++t) EXPECT_EQ(bad[t], 0);
 }
 
-TEST(StatusTables, GenCpAndU3vNamesAndTexts) {
-  EXPECT_STREQ(GenCpStatusName(0x8007), "GENCP_BUSY");
-  EXPECT_STREQ(GenCpStatusText(0x8007), "The command receiver is currently busy.");
-  EXPECT_STREQ(GenCpStatusName(0x8001), "");
-  EXPECT_STREQ(GenCpStatusText(0x8001), "Command not implemented in the device.");
-  EXPECT_STREQ(GenCpStatusText(0x8006),
-               "Attempt to read a non-readable or write a non-writable register address. 0x8007 "
-               "GENCP_BUSY The command receiver is currently busy.");
-  EXPECT_STREQ(GenCpStatusText(0x800F),
-               "The current receiver configuration does not allow the execution of the sent "
-               "command. 0x8FFF GENCP_ERROR Generic error.");
-  EXPECT_STREQ(GenCpStatusName(0x8FFF), "GENCP_ERROR");
-  EXPECT_STREQ(GenCpStatusName(0xC001), "UNKNOWN");
-  EXPECT_STREQ(GenCpStatusText(0xC001), "Unknown GenCP error");
-
-  EXPECT_STREQ(U3vStatusName(0xA003), "U3V_STATUS_SI_PAYLOAD_SIZE_NOT_ALIGNED");
-  EXPECT_STREQ(U3vStatusShortName(0xA004), "SI_REGISTERS_INCONSISTENT");
-  EXPECT_EQ(U3vStatusName(0xA005), nullptr);
-}
-
 }  // namespace

@@ -17,18 +17,6 @@ size_t linkedCount() {
   return n;
 }
 
-TEST_F(Enumeration, NoCameraUnlinksEverythingAndKeepsTheRecords) {
-  plug(cameraOn(0, 0, "NOCAM-A"));
-  ASSERT_EQ(KOR_HID_Enumerate(kVid, kPid), 1);
-  tqsim::reset();
-  size_t before = DevicePool.size();
-
-  EXPECT_EQ(KOR_HID_Enumerate(kVid, kPid), 0);
-  EXPECT_EQ(gn_DeviceCount, 0u);
-  EXPECT_EQ(DevicePool.size(), before);
-  EXPECT_EQ(linkedCount(), 0u);
-}
-
 TEST_F(Enumeration, PairsHidrawWithTheFirstVideoNodeOfItsSerial) {
   tqsim::CameraConfig config = cameraOn(0, 0, "PAIR-1");
   config.manufacturer = "Emu Vendor  ";
@@ -100,7 +88,7 @@ TEST_F(Enumeration, AMissingHidrawNumberEndsTheSearch) {
   EXPECT_EQ(indexOf(identity("GAP-4", 6, 4)), -1);
 }
 
-TEST_F(Enumeration, IndicesStayAcrossReEnumerationAndUnplug) {
+TEST_F(Enumeration, IndicesStayAcrossReEnumerationUnplugAndNoCamera) {
   plug(cameraOn(0, 0, "STABLE-A"));
   tqsim::CameraId b = plug(cameraOn(1, 2, "STABLE-B"));
   ASSERT_EQ(KOR_HID_Enumerate(kVid, kPid), 2);
@@ -130,6 +118,13 @@ TEST_F(Enumeration, IndicesStayAcrossReEnumerationAndUnplug) {
   EXPECT_EQ(KOR_HID_Enumerate(kVid, kPid), 2);
   EXPECT_EQ(DevicePool.size(), size);
   EXPECT_EQ(KOR_HID_IsLinked(static_cast<uint8_t>(ib)), 1);
+
+  // No camera at all: everything unlinked, nothing removed.
+  tqsim::reset();
+  EXPECT_EQ(KOR_HID_Enumerate(kVid, kPid), 0);
+  EXPECT_EQ(gn_DeviceCount, 0u);
+  EXPECT_EQ(DevicePool.size(), size);
+  EXPECT_EQ(linkedCount(), 0u);
 }
 
 TEST_F(Enumeration, ACameraBackOnOtherNodesIsANewCamera) {

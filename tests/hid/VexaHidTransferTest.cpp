@@ -96,16 +96,6 @@ TEST_F(VexaHidTransfer, FailedChunksStopTheDownload) {
   EXPECT_TRUE(log.contains("Vexa_HID::ReadXML error: Error: VX_UVC_STATUS_INVALID_CHUNK_ID"));
 }
 
-TEST_F(VexaHidTransfer, ShaNeedsATwentyByteBuffer) {
-  tqtest::LogCapture log;
-  char buf[32] = {};
-  tqsim::clearReceivedReports(sim_);
-  EXPECT_EQ(hid_->GetXMLSHA(cam_, buf, 32), 0);
-  EXPECT_TRUE(log.contains("Vexa_HID::GetXMLSHA error: buffer size must be 20"));
-  EXPECT_EQ(tqsim::receivedReports(sim_).size(), 1u);  // the camera was asked all the same
-  EXPECT_EQ(std::string(buf), "");
-}
-
 TEST_F(VexaHidTransfer, ReadMemClampsToFiftyNineCharacters) {
   struct {
     int adr;
