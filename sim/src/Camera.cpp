@@ -59,6 +59,11 @@ void Camera::modify(const std::function<void(CameraConfig&)>& fn) {
   if (config_.xmlFile != oldXml) rehashLocked();
 }
 
+Camera::NodeNumbers Camera::nodeNumbers() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return {config_.hidrawNumber, config_.videoNumber, config_.metadataVideoNumber};
+}
+
 std::string Camera::hidrawPath() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return "/dev/hidraw" + std::to_string(config_.hidrawNumber);

@@ -73,6 +73,14 @@ class Camera {
   bool plugged() const { return plugged_.load(); }
   void setPlugged(bool plugged) { plugged_.store(plugged); }
 
+  // The node numbers of the current configuration (cheap: no record copy).
+  struct NodeNumbers {
+    int hidraw = 0;
+    int video = 0;
+    int metadata = -1;
+  };
+  NodeNumbers nodeNumbers() const;
+
   // Node paths as /dev/... texts, from the current configuration.
   std::string hidrawPath() const;
   std::string capturePath() const;

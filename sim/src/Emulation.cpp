@@ -286,8 +286,20 @@ int Emulation::ioctlNode(int fd, unsigned long request, void* arg, bool& handled
     errno = EFAULT;
     return -1;
   }
-  const CameraConfig config = camera->config();
   const unsigned size = _IOC_SIZE(request);
+  const unsigned nr = _IOC_NR(request);
+  // The feature read comes once a chunk: keep it clear of the record copy.
+  if (_IOC_DIR(request) == (_IOC_READ | _IOC_WRITE) && nr == _IOC_NR(HIDIOCGFEATURE(0))) {
+    std::array<uint8_t, kFeatureReportSize> feature{};
+    if (!camera->featureRead(feature)) {
+      errno = EIO;
+      return -1;
+    }
+    const size_t count = std::min<size_t>(size, feature.size());
+    std::memcpy(arg, feature.data(), count);
+    return static_cast<int>(count);
+  }
+  const CameraConfig config = camera->config();
   auto copyText = [&](const std::string& text) {
     const size_t count = std::min<size_t>(text.size() + 1, size);
     if (count == 0) return 0;
@@ -295,7 +307,6 @@ int Emulation::ioctlNode(int fd, unsigned long request, void* arg, bool& handled
     static_cast<char*>(arg)[count - 1] = '\0';
     return static_cast<int>(count);
   };
-  const unsigned nr = _IOC_NR(request);
   if (request == HIDIOCGRAWINFO) {
     hidraw_devinfo info{};
     info.bustype = BUS_USB;
@@ -328,16 +339,6 @@ int Emulation::ioctlNode(int fd, unsigned long request, void* arg, bool& handled
     return copyText("usb-vhci_hcd.0-" + std::to_string(port) + "/input2");
   }
   if (reads && nr == _IOC_NR(HIDIOCGRAWUNIQ(0))) return copyText(config.serial);
-  if (_IOC_DIR(request) == (_IOC_READ | _IOC_WRITE) && nr == _IOC_NR(HIDIOCGFEATURE(0))) {
-    std::array<uint8_t, kFeatureReportSize> feature{};
-    if (!camera->featureRead(feature)) {
-      errno = EIO;
-      return -1;
-    }
-    const size_t count = std::min<size_t>(size, feature.size());
-    std::memcpy(arg, feature.data(), count);
-    return static_cast<int>(count);
-  }
   errno = ENOTTY;
   return -1;
 }
@@ -593,10 +594,9 @@ Emulation::Entry* Emulation::entryLocked(CameraId id) {
 const Emulation::Entry* Emulation::pluggedWithNodeLocked(NodeKind kind, int number) const {
   for (const Entry& entry : cameras_) {
     if (!entry.camera->plugged()) continue;
-    const CameraConfig config = entry.camera->config();
-    if (kind == NodeKind::Hidraw && config.hidrawNumber == number) return &entry;
-    if (kind == NodeKind::Video &&
-        (config.videoNumber == number || (config.metadataVideoNumber >= 0 && config.metadataVideoNumber == number))) {
+    const Camera::NodeNumbers nodes = entry.camera->nodeNumbers();
+    if (kind == NodeKind::Hidraw && nodes.hidraw == number) return &entry;
+    if (kind == NodeKind::Video && (nodes.video == number || (nodes.metadata >= 0 && nodes.metadata == number))) {
       return &entry;
     }
   }
@@ -613,12 +613,12 @@ std::string Emulation::nodeConflictLocked(const CameraConfig& config, CameraId e
   if (config.metadataVideoNumber == config.videoNumber) return "capture and metadata node are the same";
   for (const Entry& entry : cameras_) {
     if (entry.camera->id() == except || !entry.camera->plugged()) continue;
-    const CameraConfig other = entry.camera->config();
-    if (other.hidrawNumber == config.hidrawNumber) {
+    const Camera::NodeNumbers other = entry.camera->nodeNumbers();
+    if (other.hidraw == config.hidrawNumber) {
       return "/dev/hidraw" + std::to_string(config.hidrawNumber) + " is taken";
     }
     for (int mine : {config.videoNumber, config.metadataVideoNumber}) {
-      if (mine >= 0 && (mine == other.videoNumber || mine == other.metadataVideoNumber)) {
+      if (mine >= 0 && (mine == other.video || mine == other.metadata)) {
         return "/dev/video" + std::to_string(mine) + " is taken";
       }
     }
