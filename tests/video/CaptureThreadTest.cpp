@@ -411,6 +411,7 @@ TEST_F(StreamingTest, SilentCameraTimesOutSelectAndStillClosesInTime) {
   ASSERT_EQ(capture.start(), 0);
   ASSERT_TRUE(log.waitFor("CaptureThread::ThreadRoutine: error in select: timeout expired", 4s));
   EXPECT_EQ(sink_.count(), 0u);
+  EXPECT_EQ(tqsim::videoFramesProduced(id_), 0u);
   closeInTime(capture);
   EXPECT_EQ(log.countExact("CaptureThread::ThreadRoutine: CLEANUP cap thread"), 1u);
 }
