@@ -1,13 +1,13 @@
 #include <gtest/gtest.h>
 #include <rkini.h>
-#include <unistd.h>
 
 #include <climits>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+
+#include "TestEnv.h"
 
 namespace fs = std::filesystem;
 
@@ -20,18 +20,13 @@ using IniPtr = std::unique_ptr<RkIni, IniCloser>;
 
 class IniTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string tmpl = (fs::temp_directory_path() / "tqiniXXXXXX").string();
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { fs::remove_all(dir_); }
   std::string write(const std::string& name, const std::string& text) {
-    fs::path p = dir_ / name;
+    fs::path p = env_.dir() / name;
     std::ofstream(p) << text;
     return p.string();
   }
-  fs::path dir_;
+  tqtest::TestEnv env_;
+  const fs::path& dir_ = env_.dir();
 };
 
 TEST_F(IniTest, ValuesFormatsAndCase) {

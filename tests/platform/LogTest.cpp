@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "LogCapture.h"
+#include "TestEnv.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -42,32 +43,10 @@ unsigned mask(unsigned id) {
 class LogTest : public ::testing::Test {
  protected:
   void TearDown() override {
-    for (auto& [name, value] : savedEnv_) {
-      if (value.empty())
-        unsetenv(name.c_str());
-      else
-        setenv(name.c_str(), value.c_str(), 1);
-    }
+    env_.restore();
     rklog_Configure(nullptr);
   }
-  void setEnv(const char* name, const std::string& value) {
-    const char* old = getenv(name);
-    savedEnv_.emplace_back(name, old ? old : "");
-    setenv(name, value.c_str(), 1);
-  }
-  fs::path tempDir() {
-    std::string tmpl = (fs::temp_directory_path() / "tqlogXXXXXX").string();
-    EXPECT_NE(mkdtemp(tmpl.data()), nullptr);
-    dirs_.emplace_back(tmpl);
-    return tmpl;
-  }
-  ~LogTest() override {
-    for (auto& d : dirs_) fs::remove_all(d);
-  }
-
- private:
-  std::vector<std::pair<std::string, std::string>> savedEnv_;
-  std::vector<fs::path> dirs_;
+  tqtest::TestEnv env_;
 };
 
 // Checks "YYYY-MM-DD HH:MM:SS.mmm <tid> " and returns what follows it.
@@ -200,10 +179,10 @@ TEST_F(LogTest, IndentationIsPerThread) {
 }
 
 TEST_F(LogTest, ManyThreadsLoseAndTearNothing) {
-  fs::path dir = tempDir();
+  fs::path dir = env_.dir();
   fs::path file = dir / "many.log";
-  setEnv("TQ_LOG_FILE", file.string());
-  setEnv("TQ_LOG", "ManySrc=info");
+  env_.set("TQ_LOG_FILE", file.string());
+  env_.set("TQ_LOG", "ManySrc=info");
   rklog_Configure(nullptr);
   unsigned id = rklog_Register("ManySrc", nullptr, 1);
   constexpr int kThreads = 8, kLines = 400;
@@ -236,11 +215,11 @@ TEST_F(LogTest, ManyThreadsLoseAndTearNothing) {
 }
 
 TEST_F(LogTest, RegularFileRotatesAtLimit) {
-  fs::path dir = tempDir();
+  fs::path dir = env_.dir();
   fs::path file = dir / "rot.log";
-  setEnv("TQ_LOG_FILE", file.string());
-  setEnv("TQ_LOG_FILE_MAX", "4096");
-  setEnv("TQ_LOG", "RotSrc=info");
+  env_.set("TQ_LOG_FILE", file.string());
+  env_.set("TQ_LOG_FILE_MAX", "4096");
+  env_.set("TQ_LOG", "RotSrc=info");
   rklog_Configure(nullptr);
   unsigned id = rklog_Register("RotSrc", nullptr, 1);
   std::string pad(100, 'r');
@@ -259,14 +238,14 @@ TEST_F(LogTest, RegularFileRotatesAtLimit) {
 }
 
 TEST_F(LogTest, FifoIsNeverRotated) {
-  fs::path dir = tempDir();
+  fs::path dir = env_.dir();
   fs::path fifo = dir / "pipe";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
   ASSERT_GE(reader, 0);
-  setEnv("TQ_LOG_FILE", fifo.string());
-  setEnv("TQ_LOG_FILE_MAX", "64");
-  setEnv("TQ_LOG", "FifoSrc=info");
+  env_.set("TQ_LOG_FILE", fifo.string());
+  env_.set("TQ_LOG_FILE_MAX", "64");
+  env_.set("TQ_LOG", "FifoSrc=info");
   rklog_Configure(nullptr);
   unsigned id = rklog_Register("FifoSrc", nullptr, 1);
   for (int i = 0; i < 5; ++i) logf(id, RKLOG_INFO, nullptr, "through the pipe %d", i);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "LogCapture.h"
+#include "TestEnv.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -259,30 +260,9 @@ TEST(OsdepStrings, CaseInsensitiveCompares) {
 
 class OsdepEnv : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string tmpl = (fs::temp_directory_path() / "tqosXXXXXX").string();
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override {
-    for (auto& [name, value] : saved_) {
-      if (value)
-        setenv(name.c_str(), value->c_str(), 1);
-      else
-        unsetenv(name.c_str());
-    }
-    fs::remove_all(dir_);
-  }
-  void set(const char* name, const char* value) {
-    const char* old = getenv(name);
-    saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  }
-  fs::path dir_;
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+  void set(const char* name, const char* value) { env_.set(name, value); }
+  tqtest::TestEnv env_;
+  const fs::path& dir_ = env_.dir();
 };
 
 TEST_F(OsdepEnv, IniAndCachePathsFollowEnvironment) {
