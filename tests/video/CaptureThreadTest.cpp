@@ -240,11 +240,12 @@ class StreamingTest : public CaptureThreadTest {
     capture.callbackContext = &sink_;
     capture.callback = &FrameSink::captureCallback;
   }
-  // Close must come back within one select time-out plus a callback.
+  // Close must come back within one select time-out (2 s) plus a callback;
+  // the margin is for loaded machines.
   void closeInTime(CaptureThread& capture) {
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(capture.close(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 2500ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
     EXPECT_FALSE(capture.running);
     EXPECT_EQ(tqsim::openVideoNodes(id_), 0);
     EXPECT_EQ(tqsim::videoMappings(id_), 0u);

@@ -146,7 +146,7 @@ TEST_F(UvcFacadeTest, CloseOfAStreamingNumberStopsItsThread) {
   ASSERT_TRUE(sink.waitForFrames(1, 3s));
   const auto begin = std::chrono::steady_clock::now();
   uvc.CloseStreaming(0);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2500ms);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
   EXPECT_EQ(capture_thread[0], nullptr);
   EXPECT_EQ(tqsim::openVideoNodes(id), 0);
   EXPECT_EQ(tqsim::videoMappings(id), 0u);
