@@ -28,10 +28,14 @@ const char* deviceStatusText(int code) {
   constexpr int kCount = static_cast<int>(sizeof(kDeviceTexts) / sizeof(kDeviceTexts[0]));
   if (code >= 1 && code <= kCount) return kDeviceTexts[code - 1];
   switch (code) {
-    case HID_ERROR_PROTOCOL_UNDEFINED: return "Error: HID_ERROR_PROTOCOL_UNDEFINED";
-    case HID_ERROR_PROTOCOL_WRONG_ID: return "Error: HID_ERROR_PROTOCOL_WRONG_ID";
-    case HID_ERROR_TIMEOUT: return "Error: HID_ERROR_TIMEOUT";
-    default: return "Error: unknown error code";
+    case HID_ERROR_PROTOCOL_UNDEFINED:
+      return "Error: HID_ERROR_PROTOCOL_UNDEFINED";
+    case HID_ERROR_PROTOCOL_WRONG_ID:
+      return "Error: HID_ERROR_PROTOCOL_WRONG_ID";
+    case HID_ERROR_TIMEOUT:
+      return "Error: HID_ERROR_TIMEOUT";
+    default:
+      return "Error: unknown error code";
   }
 }
 

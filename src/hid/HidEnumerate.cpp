@@ -61,8 +61,7 @@ std::vector<DeviceNode> GetInterfaceList(unsigned short vid, unsigned short pid)
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) continue;
     std::string walk = udevWalk(path);
-    if (sGetString(walk, "ATTRS{idVendor}") != vidText ||
-        sGetString(walk, "ATTRS{idProduct}") != pidText)
+    if (sGetString(walk, "ATTRS{idVendor}") != vidText || sGetString(walk, "ATTRS{idProduct}") != pidText)
       continue;
     videos.push_back({path, sGetString(walk, "ATTRS{serial}")});
   }

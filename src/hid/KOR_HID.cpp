@@ -5,9 +5,7 @@
 
 namespace {
 
-DeviceNode* record(uint8_t cam) {
-  return cam < DevicePool.size() ? &DevicePool[cam] : nullptr;
-}
+DeviceNode* record(uint8_t cam) { return cam < DevicePool.size() ? &DevicePool[cam] : nullptr; }
 
 cHid* device(uint8_t cam) {
   DeviceNode* node = record(cam);
@@ -19,8 +17,7 @@ int32_t copyString(uint8_t cam, std::string DeviceNode::*field, char* buf, int32
   // A len below 1 leaves no room even for the terminator.
   if (node == nullptr || buf == nullptr || len < 1) return 0;
   const std::string& text = node->*field;
-  int32_t n = static_cast<int32_t>(text.size()) < len - 1 ? static_cast<int32_t>(text.size())
-                                                           : len - 1;
+  int32_t n = static_cast<int32_t>(text.size()) < len - 1 ? static_cast<int32_t>(text.size()) : len - 1;
   std::strncpy(buf, text.c_str(), static_cast<size_t>(n));
   buf[n] = '\0';
   return 0;
@@ -85,8 +82,7 @@ int32_t KOR_HID_SetCallbackHid(uint8_t cam, cHidCallback fn, void* ctx) {
   return 0;
 }
 
-int32_t KOR_HID_Report(uint8_t cam, uint8_t reportId, uint8_t cmd, const uint8_t* data,
-                       uint8_t len) {
+int32_t KOR_HID_Report(uint8_t cam, uint8_t reportId, uint8_t cmd, const uint8_t* data, uint8_t len) {
   cHid* hid = device(cam);
   if (hid == nullptr) return 1;
   return hid->hidReport(reportId, cmd, data, len);

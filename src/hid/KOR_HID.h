@@ -36,7 +36,6 @@ int32_t KOR_HID_Close(uint8_t cam);
 // 1 past the table or without a cHid, else 0.
 int32_t KOR_HID_SetCallbackHid(uint8_t cam, cHidCallback fn, void* ctx);
 // 1 past the table or without a cHid, else cHid::hidReport's result.
-int32_t KOR_HID_Report(uint8_t cam, uint8_t reportId, uint8_t cmd, const uint8_t* data,
-                       uint8_t len);
+int32_t KOR_HID_Report(uint8_t cam, uint8_t reportId, uint8_t cmd, const uint8_t* data, uint8_t len);
 // 1 past the table or without a cHid, else cHid::hidFeatureRd's result.
 int32_t KOR_HID_FeatureRd(uint8_t cam, uint8_t reportId, uint8_t* buf, uint16_t len);

@@ -104,8 +104,7 @@ int Vexa_HID::Open(uint8_t cam, int /*unused*/) {
   LIBLog.Trace("Vexa_HID::Open: open cam with index nr:%d\n", cam);
   if (KOR_HID_Open(cam) != 0) return -101;
   if (KOR_HID_SetCallbackHid(cam, &Vexa_HID::ReceiveCallbackHidStatic, this) != 0) {
-    LIBLog.Error("Vexa_HID::Open: error setting callback while opening cam with index nr:%d\n",
-                 cam);
+    LIBLog.Error("Vexa_HID::Open: error setting callback while opening cam with index nr:%d\n", cam);
     return -102;
   }
   return 0;
@@ -124,13 +123,9 @@ int Vexa_HID::GetManufacturer(uint8_t cam, char* buf, int len) {
   return KOR_HID_GetManufacturer(cam, buf, len);
 }
 
-int Vexa_HID::GetProduct(uint8_t cam, char* buf, int len) {
-  return KOR_HID_GetProduct(cam, buf, len);
-}
+int Vexa_HID::GetProduct(uint8_t cam, char* buf, int len) { return KOR_HID_GetProduct(cam, buf, len); }
 
-int Vexa_HID::GetDevicePath(uint8_t cam, char* buf, int len) {
-  return KOR_HID_GetDevicePath(cam, buf, len);
-}
+int Vexa_HID::GetDevicePath(uint8_t cam, char* buf, int len) { return KOR_HID_GetDevicePath(cam, buf, len); }
 
 int Vexa_HID::GetDevicePathUVC(uint8_t cam, char* buf, int len) {
   return KOR_HID_GetDevicePathUVC(cam, buf, len);
@@ -197,8 +192,7 @@ int Vexa_HID::GetFunc(uint8_t cam, uint16_t id, uint8_t* data, int len) {
                  text(DecodeError(answer.status)));
     return answer.status;
   }
-  if (len >= 1 && data != nullptr)
-    std::memcpy(data, answer.payload, len < kReportSize ? len : kReportSize);
+  if (len >= 1 && data != nullptr) std::memcpy(data, answer.payload, len < kReportSize ? len : kReportSize);
   return 0;
 }
 
@@ -207,8 +201,7 @@ int Vexa_HID::GetInt32(uint8_t cam, uint16_t adr, uint32_t* value) {
   expect(kCmdRead, 4);
   uint8_t request[6] = {static_cast<uint8_t>(nSeq), static_cast<uint8_t>(adr & 0xFF),
                         static_cast<uint8_t>(adr >> 8)};
-  auto sent =
-      static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdRead, request, sizeof request));
+  auto sent = static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdRead, request, sizeof request));
   if (sent != 0) {
     int status = currentStatus();
     if (status != 0) {
@@ -229,8 +222,7 @@ int Vexa_HID::GetInt32(uint8_t cam, uint16_t adr, uint32_t* value) {
                  text(DecodeError(answer.status)));
     return answer.status;
   }
-  uint32_t v = static_cast<uint32_t>(answer.payload[1]) |
-               static_cast<uint32_t>(answer.payload[2]) << 8 |
+  uint32_t v = static_cast<uint32_t>(answer.payload[1]) | static_cast<uint32_t>(answer.payload[2]) << 8 |
                static_cast<uint32_t>(answer.payload[3]) << 16 |
                static_cast<uint32_t>(answer.payload[4]) << 24;
   if (value != nullptr) *value = v;
@@ -242,17 +234,15 @@ int Vexa_HID::SetInt32(uint8_t cam, uint16_t adr, uint32_t value) {
   LIBLog.Trace("Vexa_HID::SetInt32(%d) adr:%4.4x val:%4.4x\n", cam, adr, value);
   // Recorded before sending and kept even if the write fails.
   if (adr == kAcquisitionRegister && value != 0) {
-    if (acquisitionEnabled[cam] == 0)
-      LIBLog.Trace("Vexa_HID::SetInt32(%d) acquisition enabled\n", cam);
+    if (acquisitionEnabled[cam] == 0) LIBLog.Trace("Vexa_HID::SetInt32(%d) acquisition enabled\n", cam);
     acquisitionEnabled[cam] = 1;
   }
   expect(kCmdWrite, -1);
-  uint8_t request[8] = {static_cast<uint8_t>(nSeq),         static_cast<uint8_t>(adr & 0xFF),
-                        static_cast<uint8_t>(adr >> 8),     static_cast<uint8_t>(value),
-                        static_cast<uint8_t>(value >> 8),   static_cast<uint8_t>(value >> 16),
-                        static_cast<uint8_t>(value >> 24),  0};
-  auto sent = static_cast<uint8_t>(
-      KOR_HID_Report(cam, kReportCommand, kCmdWrite, request, sizeof request));
+  uint8_t request[8] = {static_cast<uint8_t>(nSeq),        static_cast<uint8_t>(adr & 0xFF),
+                        static_cast<uint8_t>(adr >> 8),    static_cast<uint8_t>(value),
+                        static_cast<uint8_t>(value >> 8),  static_cast<uint8_t>(value >> 16),
+                        static_cast<uint8_t>(value >> 24), 0};
+  auto sent = static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdWrite, request, sizeof request));
   if (sent != 0) {
     int status = currentStatus();
     if (status != 0) {
@@ -285,8 +275,7 @@ int Vexa_HID::GetXMLSize(uint8_t cam, int* size) {
     return status;
   }
   // Big-endian, unlike the register values.
-  auto n = static_cast<int>(static_cast<uint32_t>(data[0]) << 24 |
-                            static_cast<uint32_t>(data[1]) << 16 |
+  auto n = static_cast<int>(static_cast<uint32_t>(data[0]) << 24 | static_cast<uint32_t>(data[1]) << 16 |
                             static_cast<uint32_t>(data[2]) << 8 | data[3]);
   if (size != nullptr) *size = n;
   LIBLog.Trace("Vexa_HID::GetXMLSize(%d) size:%d\n", cam, n);
@@ -312,8 +301,7 @@ uint8_t Vexa_HID::GetXMLSHA(uint8_t cam, char* buf, int len) {
 int Vexa_HID::ReadMem(uint8_t cam, int adr, char* buf, int len) {
   LIBLog.Trace("Vexa_HID::ReadMem(%d) adr:%4.4x\n", cam, adr);
   int n = len < kMemMax ? len : kMemMax;
-  uint8_t data[kReportSize] = {0, static_cast<uint8_t>(adr & 0xFF),
-                               static_cast<uint8_t>((adr >> 8) & 0xFF)};
+  uint8_t data[kReportSize] = {0, static_cast<uint8_t>(adr & 0xFF), static_cast<uint8_t>((adr >> 8) & 0xFF)};
   int status = GetFunc(cam, kCmdRead, data, n);
   if (status != 0) {
     LIBLog.Error("Vexa_HID::ReadMem error: %s", text(DecodeError(status)));
@@ -339,9 +327,9 @@ int Vexa_HID::ReadXML(uint8_t cam, char* buf, int len) {
     LIBLog.Error("Vexa_HID::ReadXML error: %s", text(DecodeError(status)));
     return status;
   }
-  auto size = static_cast<int>(static_cast<uint32_t>(request[0]) << 24 |
-                               static_cast<uint32_t>(request[1]) << 16 |
-                               static_cast<uint32_t>(request[2]) << 8 | request[3]);
+  auto size =
+      static_cast<int>(static_cast<uint32_t>(request[0]) << 24 | static_cast<uint32_t>(request[1]) << 16 |
+                       static_cast<uint32_t>(request[2]) << 8 | request[3]);
   if (size > len || (buf == nullptr && size > 0)) {
     LIBLog.Error("Vexa_HID::ReadXML error: supplied buffer not sufficient for XML download!");
     return -101;
@@ -357,8 +345,7 @@ int Vexa_HID::ReadXML(uint8_t cam, char* buf, int len) {
     request[2] = static_cast<uint8_t>((i >> 8) & 0xFF);
     LIBLog.Trace("Vexa_HID::SetFunc()\n");
     expect(kCmdXmlChunk, -1);
-    auto sent =
-        static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdXmlChunk, request, 4));
+    auto sent = static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdXmlChunk, request, 4));
     if (sent != 0) {
       std::string why = DecodeError(sent);
       LIBLog.Error("Vexa_HID::SetFunc error:%d : %s\n", sent, text(why));
@@ -394,8 +381,7 @@ int Vexa_HID::ReceiveCallbackHid(const uint8_t* report) {
   // Logged under the lock so a woken caller's own messages come after these.
   if (report[0] == kReportCommand) {
     if (report[1] != nExpectedId) {
-      LIBLog.Error("Vexa_HID::ReceiveCallbackHid: cmd rd --> wrong id %d %d \n", report[1],
-                   nExpectedId);
+      LIBLog.Error("Vexa_HID::ReceiveCallbackHid: cmd rd --> wrong id %d %d \n", report[1], nExpectedId);
       nStatus = HID_ERROR_PROTOCOL_WRONG_ID;
     } else if (report[2] != 0) {
       LIBLog.Error("Vexa_HID::ReceiveCallbackHid: cmd rd --> protocol error %d \n", report[2]);
@@ -403,8 +389,7 @@ int Vexa_HID::ReceiveCallbackHid(const uint8_t* report) {
     } else {
       nStatus = 0;
       // The report is 64 bytes: what lies past its end reads as zero.
-      int offset = nPayloadOffset < 0 ? 0 : nPayloadOffset > kReportSize ? kReportSize
-                                                                           : nPayloadOffset;
+      int offset = nPayloadOffset < 0 ? 0 : nPayloadOffset > kReportSize ? kReportSize : nPayloadOffset;
       std::memset(payload, 0, sizeof payload);
       std::memcpy(payload, report + offset, static_cast<size_t>(kReportSize - offset));
     }
@@ -412,8 +397,7 @@ int Vexa_HID::ReceiveCallbackHid(const uint8_t* report) {
     pthread_cond_signal(&cond);
   } else if (report[0] == kReportEvent) {
     std::memcpy(event, report, sizeof event);
-    LIBLog.Trace("Vexa_HID::ReceiveCallbackHid: event rd %x %x %x %x \n", 2, report[1], report[2],
-                 report[3]);
+    LIBLog.Trace("Vexa_HID::ReceiveCallbackHid: event rd %x %x %x %x \n", 2, report[1], report[2], report[3]);
   } else {
     LIBLog.Trace("Vexa_HID::ReceiveCallbackHid: unknown id \n");
   }

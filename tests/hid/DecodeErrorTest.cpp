@@ -1,11 +1,11 @@
-#include "hid/DecodeError.h"
-
 #include <gtest/gtest.h>
 
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "hid/DecodeError.h"
 
 namespace {
 
@@ -57,6 +57,7 @@ TEST(DecodeError, ConcurrentCallersGetWholeTexts) {
   std::set<std::string> valid;
   for (const auto& c : kTexts) valid.insert(c.text);
   std::vector<std::thread> threads;
+  threads.reserve(4);
   std::vector<int> bad(4, 0);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t, &valid, &bad] {

@@ -27,8 +27,7 @@ int indexOf(const std::string& identityKey) {
 void SimTest::SetUp() { tqsim::reset(); }
 
 void SimTest::TearDown() {
-  for (size_t i = 0; i < DevicePool.size() && i < 256; ++i)
-    KOR_HID_Close(static_cast<uint8_t>(i));
+  for (size_t i = 0; i < DevicePool.size() && i < 256; ++i) KOR_HID_Close(static_cast<uint8_t>(i));
   tqsim::reset();
 }
 

@@ -44,8 +44,8 @@ TEST_F(KorHidTable, GettersCopyAtMostLenMinusOneAndTerminate) {
   };
   for (const auto& g : getters) {
     const std::string full = g.full;
-    const int32_t lens[] = {1, 2, static_cast<int32_t>(full.size()),
-                            static_cast<int32_t>(full.size()) + 1, 64};
+    const int32_t lens[] = {1, 2, static_cast<int32_t>(full.size()), static_cast<int32_t>(full.size()) + 1,
+                            64};
     for (int32_t len : lens) {
       char buf[80];
       std::memset(buf, '#', sizeof buf);

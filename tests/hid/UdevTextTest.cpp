@@ -1,8 +1,8 @@
-#include "hid/UdevText.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "hid/UdevText.h"
 
 namespace {
 
@@ -43,8 +43,7 @@ TEST(sGetString, TakesTheNearestQuotedValue) {
       {"key==\"\"", "key", ""},
       {"", "key", ""},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(sGetString(c.text, c.key), c.expected) << "key " << c.key;
+  for (const auto& c : cases) EXPECT_EQ(sGetString(c.text, c.key), c.expected) << "key " << c.key;
 }
 
 TEST(sExec, CollectsTheWholeOutputAndIgnoresTheExitStatus) {

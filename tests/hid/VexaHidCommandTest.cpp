@@ -179,9 +179,8 @@ TEST_F(VexaHidCommand, OpenFailures) {
   tqtest::LogCapture log;
   const uint8_t pastTable = static_cast<uint8_t>(DevicePool.size());
   EXPECT_EQ(hid_->Open(pastTable), -102);
-  EXPECT_TRUE(log.contains(
-      "Vexa_HID::Open: error setting callback while opening cam with index nr:" +
-      std::to_string(pastTable)));
+  EXPECT_TRUE(log.contains("Vexa_HID::Open: error setting callback while opening cam with index nr:" +
+                           std::to_string(pastTable)));
   EXPECT_EQ(Vexa_HID::ReceiveCallbackHidStatic(nullptr, nullptr), -3);
   // Opening an open camera again leaves one descriptor, not two.
   EXPECT_EQ(hid_->Open(cam_), 0);

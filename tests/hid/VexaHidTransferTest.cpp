@@ -36,8 +36,7 @@ Bytes patterned(size_t size) {
 }
 
 TEST_F(VexaHidTransfer, DownloadsAreByteExact) {
-  for (size_t size : {size_t{0}, size_t{1}, size_t{1023}, size_t{1024}, size_t{1025},
-                      size_t{70000}}) {
+  for (size_t size : {size_t{0}, size_t{1}, size_t{1023}, size_t{1024}, size_t{1025}, size_t{70000}}) {
     SCOPED_TRACE(size);
     Bytes file = patterned(size);
     setXml(file);

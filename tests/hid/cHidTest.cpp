@@ -1,5 +1,3 @@
-#include "hid/cHid.h"
-
 #include <gtest/gtest.h>
 #include <tqsim/Sim.h>
 
@@ -10,6 +8,7 @@
 
 #include "HidFixture.h"
 #include "LogCapture.h"
+#include "hid/cHid.h"
 
 namespace hidtest {
 namespace {
