@@ -17,10 +17,14 @@ constexpr const char* kMagic = "tqsim-state 1";
 std::string escape(const std::string& value) {
   std::string out;
   for (char c : value) {
-    if (c == '\\') out += "\\\\";
-    else if (c == '\n') out += "\\n";
-    else if (c == '\r') out += "\\r";
-    else out += c;
+    if (c == '\\')
+      out += "\\\\";
+    else if (c == '\n')
+      out += "\\n";
+    else if (c == '\r')
+      out += "\\r";
+    else
+      out += c;
   }
   return out;
 }
@@ -111,23 +115,40 @@ bool parseState(const std::string& text, State& state, std::string* error) {
     }
     if (current == nullptr) return fail("line " + std::to_string(lineNumber) + ": outside a camera");
     StateCamera& c = *current;
-    if (key == "serial") c.serial = value;
-    else if (key == "manufacturer") c.manufacturer = value;
-    else if (key == "product") c.product = value;
-    else if (key == "videoSerial") c.videoSerial = value;
-    else if (!numeric) return fail("line " + std::to_string(lineNumber) + ": bad number");
-    else if (key == "port") c.port = static_cast<int>(number);
-    else if (key == "devnum") c.devnum = static_cast<int>(number);
-    else if (key == "hidSequence") c.hidSequence = static_cast<int>(number);
-    else if (key == "plugTime") c.plugTimeMs = number;
-    else if (key == "vendor") c.vendorId = static_cast<uint16_t>(number);
-    else if (key == "productId") c.productId = static_cast<uint16_t>(number);
-    else if (key == "hidraw") c.hidrawNumber = static_cast<int>(number);
-    else if (key == "video") c.videoNumber = static_cast<int>(number);
-    else if (key == "metadata") c.metadataVideoNumber = static_cast<int>(number);
-    else if (key == "udevFails") c.udevFails = number != 0;
-    else if (key == "udevGarbage") c.udevGarbage = number != 0;
-    else if (key == "videoWithoutSerial") c.videoWithoutSerial = number != 0;
+    if (key == "serial")
+      c.serial = value;
+    else if (key == "manufacturer")
+      c.manufacturer = value;
+    else if (key == "product")
+      c.product = value;
+    else if (key == "videoSerial")
+      c.videoSerial = value;
+    else if (!numeric)
+      return fail("line " + std::to_string(lineNumber) + ": bad number");
+    else if (key == "port")
+      c.port = static_cast<int>(number);
+    else if (key == "devnum")
+      c.devnum = static_cast<int>(number);
+    else if (key == "hidSequence")
+      c.hidSequence = static_cast<int>(number);
+    else if (key == "plugTime")
+      c.plugTimeMs = number;
+    else if (key == "vendor")
+      c.vendorId = static_cast<uint16_t>(number);
+    else if (key == "productId")
+      c.productId = static_cast<uint16_t>(number);
+    else if (key == "hidraw")
+      c.hidrawNumber = static_cast<int>(number);
+    else if (key == "video")
+      c.videoNumber = static_cast<int>(number);
+    else if (key == "metadata")
+      c.metadataVideoNumber = static_cast<int>(number);
+    else if (key == "udevFails")
+      c.udevFails = number != 0;
+    else if (key == "udevGarbage")
+      c.udevGarbage = number != 0;
+    else if (key == "videoWithoutSerial")
+      c.videoWithoutSerial = number != 0;
     // Unknown keys come from a newer writer; ignore them.
   }
   state = std::move(result);

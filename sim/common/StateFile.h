@@ -16,9 +16,9 @@ constexpr const char* kEnvConfig = "TQSIM_CONFIG";
 
 struct StateCamera {
   int id = 0;
-  int port = 1;          // USB port on the root hub: the device is 1-<port>
-  int devnum = 2;        // USB device number, counts up with every plug
-  int hidSequence = 1;   // the kernel's HID device sequence number
+  int port = 1;            // USB port on the root hub: the device is 1-<port>
+  int devnum = 2;          // USB device number, counts up with every plug
+  int hidSequence = 1;     // the kernel's HID device sequence number
   int64_t plugTimeMs = 0;  // CLOCK_REALTIME of the plug, for the duration attributes
   uint16_t vendorId = 0;
   uint16_t productId = 0;

@@ -44,22 +44,21 @@ std::string hidDeviceName(const StateCamera& camera) {
 
 int nodeNumber(const StateCamera& camera, WalkNode node) {
   switch (node) {
-    case WalkNode::Hidraw: return camera.hidrawNumber;
-    case WalkNode::Capture: return camera.videoNumber;
-    case WalkNode::Metadata: return camera.metadataVideoNumber;
+    case WalkNode::Hidraw:
+      return camera.hidrawNumber;
+    case WalkNode::Capture:
+      return camera.videoNumber;
+    case WalkNode::Metadata:
+      return camera.metadataVideoNumber;
   }
   return -1;
 }
 
 Attributes nodePower() {
-  return {{"power/async", "disabled"},
-          {"power/control", "auto"},
-          {"power/runtime_active_kids", "0"},
-          {"power/runtime_active_time", "0"},
-          {"power/runtime_enabled", "disabled"},
-          {"power/runtime_status", "unsupported"},
-          {"power/runtime_suspended_time", "0"},
-          {"power/runtime_usage", "0"}};
+  return {{"power/async", "disabled"},           {"power/control", "auto"},
+          {"power/runtime_active_kids", "0"},    {"power/runtime_active_time", "0"},
+          {"power/runtime_enabled", "disabled"}, {"power/runtime_status", "unsupported"},
+          {"power/runtime_suspended_time", "0"}, {"power/runtime_usage", "0"}};
 }
 
 void block(std::string& out, const std::string& path, bool parent, const std::string& kernel,

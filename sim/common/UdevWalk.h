@@ -3,9 +3,9 @@
 // tool's text format, for a camera attached to a USB/IP root hub (vhci_hcd).
 #pragma once
 
-#include "StateFile.h"
-
 #include <string>
+
+#include "StateFile.h"
 
 namespace tqsim {
 

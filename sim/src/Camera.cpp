@@ -10,7 +10,7 @@ namespace tqsim {
 namespace {
 
 constexpr size_t kMemorySize = 0x10000;
-constexpr size_t kMemoryAnswerOffset = 3;  // short-form read and file queries answer from byte 3
+constexpr size_t kMemoryAnswerOffset = 3;   // short-form read and file queries answer from byte 3
 constexpr size_t kRegisterValueOffset = 5;  // long-form register read answers at 5..8
 // The long register read carries six data bytes, the memory read four; the
 // camera tells them apart by the report length (id, code and data).
@@ -24,9 +24,7 @@ std::array<uint8_t, 20> sha1Of(const std::vector<uint8_t>& data) {
   return digest;
 }
 
-uint16_t address16(const uint8_t* report) {
-  return static_cast<uint16_t>(report[3] | (report[4] << 8));
-}
+uint16_t address16(const uint8_t* report) { return static_cast<uint16_t>(report[3] | (report[4] << 8)); }
 
 }  // namespace
 
@@ -80,9 +78,7 @@ std::string Camera::metadataPath() const {
   return "/dev/video" + std::to_string(config_.metadataVideoNumber);
 }
 
-bool Camera::isCaptureNode(const char* path) const {
-  return path != nullptr && capturePath() == path;
-}
+bool Camera::isCaptureNode(const char* path) const { return path != nullptr && capturePath() == path; }
 
 bool Camera::isMetadataNode(const char* path) const {
   if (path == nullptr) return false;
@@ -93,8 +89,7 @@ bool Camera::isMetadataNode(const char* path) const {
 std::vector<uint8_t> Camera::answerHeader(uint8_t command, uint8_t status) const {
   std::vector<uint8_t> report(kInputReportSize, 0);
   report[0] = 1;
-  report[1] = config_.hidFaults.wrongEcho >= 0 ? static_cast<uint8_t>(config_.hidFaults.wrongEcho)
-                                               : command;
+  report[1] = config_.hidFaults.wrongEcho >= 0 ? static_cast<uint8_t>(config_.hidFaults.wrongEcho) : command;
   report[2] = config_.hidFaults.status != 0 ? config_.hidFaults.status : status;
   return report;
 }
@@ -133,8 +128,8 @@ std::vector<Answer> Camera::handle(const uint8_t* report, size_t length) {
     case kCmdWrite: {
       answer = answerHeader(command, 0);
       if (answer[2] != 0) break;
-      const uint32_t value = padded[5] | (padded[6] << 8) | (padded[7] << 16) |
-                             (static_cast<uint32_t>(padded[8]) << 24);
+      const uint32_t value =
+          padded[5] | (padded[6] << 8) | (padded[7] << 16) | (static_cast<uint32_t>(padded[8]) << 24);
       writeRegisterLocked(address16(padded), value);
       break;
     }

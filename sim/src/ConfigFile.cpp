@@ -1,7 +1,5 @@
 #include "ConfigFile.h"
 
-#include "Camera.h"
-
 #include <tqsim/Sim.h>
 
 #include <cctype>
@@ -10,6 +8,8 @@
 #include <fstream>
 #include <set>
 #include <sstream>
+
+#include "Camera.h"
 
 namespace tqsim {
 
@@ -63,7 +63,8 @@ bool parseText(const std::string& raw, std::string& out, std::string& why) {
         why = "bad hex byte '" + byte + "'";
         return false;
       }
-      out += static_cast<char>(byte.size() == 1 ? hexDigit(byte[0]) : hexDigit(byte[0]) * 16 + hexDigit(byte[1]));
+      out += static_cast<char>(byte.size() == 1 ? hexDigit(byte[0])
+                                                : hexDigit(byte[0]) * 16 + hexDigit(byte[1]));
     }
     return true;
   }
@@ -87,8 +88,12 @@ bool parseText(const std::string& raw, std::string& out, std::string& why) {
     }
     if (++i >= value.size()) break;
     switch (value[i]) {
-      case 'n': out += '\n'; break;
-      case 't': out += '\t'; break;
+      case 'n':
+        out += '\n';
+        break;
+      case 't':
+        out += '\t';
+        break;
       case 'x': {
         const int high = i + 1 < value.size() ? hexDigit(value[i + 1]) : -1;
         const int low = i + 2 < value.size() ? hexDigit(value[i + 2]) : -1;
@@ -100,7 +105,9 @@ bool parseText(const std::string& raw, std::string& out, std::string& why) {
         i += 2;
         break;
       }
-      default: out += value[i]; break;
+      default:
+        out += value[i];
+        break;
     }
   }
   why = "missing closing quote";

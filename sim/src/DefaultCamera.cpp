@@ -1,6 +1,6 @@
-#include "Camera.h"
-
 #include <tqsim/Sim.h>
+
+#include "Camera.h"
 
 namespace tqsim {
 

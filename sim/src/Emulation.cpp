@@ -1,15 +1,12 @@
 #include "Emulation.h"
 
-#include "ConfigFile.h"
-#include "StateFile.h"
-
 #include <dirent.h>
 #include <dlfcn.h>
-#include <signal.h>
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <linux/input.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
@@ -22,6 +19,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "ConfigFile.h"
+#include "StateFile.h"
 
 namespace tqsim {
 
@@ -39,15 +39,15 @@ constexpr int kMaxNode = 255;
 // A vendor-page report descriptor: output and input report 1 of 63 bytes,
 // input report 2 (events) of 63 bytes, feature report 1 of 1023 bytes.
 constexpr uint8_t kReportDescriptor[] = {
-    0x06, 0x00, 0xFF,  // Usage Page (Vendor 0xFF00)
-    0x09, 0x01,        // Usage (1)
-    0xA1, 0x01,        // Collection (Application)
-    0x15, 0x00, 0x26, 0xFF, 0x00, 0x75, 0x08,  // 0..255, 8 bits
+    0x06, 0x00, 0xFF,                                // Usage Page (Vendor 0xFF00)
+    0x09, 0x01,                                      // Usage (1)
+    0xA1, 0x01,                                      // Collection (Application)
+    0x15, 0x00, 0x26, 0xFF, 0x00, 0x75, 0x08,        // 0..255, 8 bits
     0x85, 0x01, 0x95, 0x3F, 0x09, 0x02, 0x81, 0x02,  // Report 1, 63 x Input
     0x95, 0x3F, 0x09, 0x03, 0x91, 0x02,              // 63 x Output
     0x96, 0xFF, 0x03, 0x09, 0x04, 0xB1, 0x02,        // 1023 x Feature
     0x85, 0x02, 0x95, 0x3F, 0x09, 0x05, 0x81, 0x02,  // Report 2, 63 x Input
-    0xC0,              // End Collection
+    0xC0,                                            // End Collection
 };
 
 int64_t nowMs() {
@@ -85,7 +85,7 @@ std::string findUdevadmDirectory() {
   if (dladdr(reinterpret_cast<void*>(&anchor), &info) == 0 || info.dli_fname == nullptr) return {};
   const std::string libraryDir = directoryOf(info.dli_fname);
   for (const char* sub : {"/bin", "/tq-uvc-sim/bin"}) {
-    const std::string dir = libraryDir + sub;
+    std::string dir = libraryDir + sub;
     if (isExecutable(dir + "/udevadm")) return dir;
   }
   return {};
@@ -333,8 +333,8 @@ int Emulation::ioctlNode(int fd, unsigned long request, void* arg, bool& handled
   const bool reads = (_IOC_DIR(request) & _IOC_READ) != 0;
   if (reads && nr == _IOC_NR(HIDIOCGRAWNAME(0))) return copyText(config.hidProductText);
   if (reads && nr == _IOC_NR(HIDIOCGRAWPHYS(0))) {
-    auto entryIt = std::find_if(cameras_.begin(), cameras_.end(),
-                                [&](const Entry& e) { return e.camera == camera; });
+    auto entryIt =
+        std::find_if(cameras_.begin(), cameras_.end(), [&](const Entry& e) { return e.camera == camera; });
     const int port = entryIt != cameras_.end() ? entryIt->port : 1;
     return copyText("usb-vhci_hcd.0-" + std::to_string(port) + "/input2");
   }
@@ -485,7 +485,8 @@ bool Emulation::replaceCameras(const std::vector<CameraConfig>& configs, std::st
                          (a.metadataVideoNumber >= 0 && (a.metadataVideoNumber == b.videoNumber ||
                                                          a.metadataVideoNumber == b.metadataVideoNumber));
       if (clash) {
-        if (error) *error = "cameras " + std::to_string(j + 1) + " and " + std::to_string(i + 1) + " share a node";
+        if (error)
+          *error = "cameras " + std::to_string(j + 1) + " and " + std::to_string(i + 1) + " share a node";
         return false;
       }
     }
@@ -596,7 +597,8 @@ const Emulation::Entry* Emulation::pluggedWithNodeLocked(NodeKind kind, int numb
     if (!entry.camera->plugged()) continue;
     const Camera::NodeNumbers nodes = entry.camera->nodeNumbers();
     if (kind == NodeKind::Hidraw && nodes.hidraw == number) return &entry;
-    if (kind == NodeKind::Video && (nodes.video == number || (nodes.metadata >= 0 && nodes.metadata == number))) {
+    if (kind == NodeKind::Video &&
+        (nodes.video == number || (nodes.metadata >= 0 && nodes.metadata == number))) {
       return &entry;
     }
   }
@@ -605,7 +607,8 @@ const Emulation::Entry* Emulation::pluggedWithNodeLocked(NodeKind kind, int numb
 
 std::string Emulation::nodeConflictLocked(const CameraConfig& config, CameraId except) const {
   auto inRange = [](int n) { return n >= 0 && n <= kMaxNode; };
-  if (!inRange(config.hidrawNumber)) return "hidraw number out of range: " + std::to_string(config.hidrawNumber);
+  if (!inRange(config.hidrawNumber))
+    return "hidraw number out of range: " + std::to_string(config.hidrawNumber);
   if (!inRange(config.videoNumber)) return "video number out of range: " + std::to_string(config.videoNumber);
   if (config.metadataVideoNumber < -1 || config.metadataVideoNumber > kMaxNode) {
     return "metadata video number out of range: " + std::to_string(config.metadataVideoNumber);
@@ -629,9 +632,8 @@ std::string Emulation::nodeConflictLocked(const CameraConfig& config, CameraId e
 void Emulation::plugLocked(Entry& entry) {
   // The lowest free port of the root hub, as a fresh plug-in would get.
   int port = 1;
-  while (std::any_of(cameras_.begin(), cameras_.end(), [&](const Entry& e) {
-    return &e != &entry && e.camera->plugged() && e.port == port;
-  })) {
+  while (std::any_of(cameras_.begin(), cameras_.end(),
+                     [&](const Entry& e) { return &e != &entry && e.camera->plugged() && e.port == port; })) {
     ++port;
   }
   entry.port = port;

@@ -7,10 +7,6 @@
 // threads take only the latter two, so joining them under mutex_ is safe.
 #pragma once
 
-#include "Camera.h"
-#include "HidrawNode.h"
-#include "Registry.h"
-
 #include <sys/stat.h>
 
 #include <map>
@@ -18,6 +14,10 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "Camera.h"
+#include "HidrawNode.h"
+#include "Registry.h"
 
 struct statx;
 

@@ -4,14 +4,14 @@
 // sends the answers when they are due.
 #pragma once
 
-#include "Camera.h"
-#include "UniqueFd.h"
-
 #include <sys/types.h>
 
 #include <memory>
 #include <mutex>
 #include <thread>
+
+#include "Camera.h"
+#include "UniqueFd.h"
 
 namespace tqsim {
 

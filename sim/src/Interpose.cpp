@@ -3,9 +3,6 @@
 // called us), so programs behave as usual for every other path and descriptor.
 #undef _FORTIFY_SOURCE
 
-#include "Emulation.h"
-#include "RealCalls.h"
-
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -17,6 +14,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+
+#include "Emulation.h"
+#include "RealCalls.h"
 
 using tqsim::Emulation;
 
@@ -33,15 +33,15 @@ Fn nextDefinition(std::atomic<void*>& slot, const char* name) {
 }
 
 // Calls the next definition of the enclosing function, ENOSYS if none exists.
-#define TQSIM_NEXT(name, type, ...)                                      \
-  do {                                                                   \
-    static std::atomic<void*> slot{nullptr};                             \
-    auto fn = nextDefinition<type>(slot, #name);                         \
-    if (fn == nullptr) {                                                 \
-      errno = ENOSYS;                                                    \
-      return -1;                                                         \
-    }                                                                    \
-    return fn(__VA_ARGS__);                                              \
+#define TQSIM_NEXT(name, type, ...)              \
+  do {                                           \
+    static std::atomic<void*> slot{nullptr};     \
+    auto fn = nextDefinition<type>(slot, #name); \
+    if (fn == nullptr) {                         \
+      errno = ENOSYS;                            \
+      return -1;                                 \
+    }                                            \
+    return fn(__VA_ARGS__);                      \
   } while (0)
 
 bool maybeNode(const char* path) { return path != nullptr && std::strncmp(path, "/dev/", 5) == 0; }
@@ -266,7 +266,8 @@ int statx(int dirfd, const char* path, int flags, unsigned int mask, struct stat
     } catch (...) {
     }
   }
-  TQSIM_NEXT(statx, int (*)(int, const char*, int, unsigned int, struct statx*), dirfd, path, flags, mask, buf);
+  TQSIM_NEXT(statx, int (*)(int, const char*, int, unsigned int, struct statx*), dirfd, path, flags, mask,
+             buf);
 }
 
 int access(const char* path, int mode) noexcept {
@@ -286,7 +287,7 @@ ssize_t getxattr(const char* path, const char* name, void* value, size_t size) n
     errno = ENODATA;
     return -1;
   }
-  TQSIM_NEXT(getxattr, ssize_t (*)(const char*, const char*, void*, size_t), path, name, value, size);
+  TQSIM_NEXT(getxattr, ssize_t(*)(const char*, const char*, void*, size_t), path, name, value, size);
 }
 
 ssize_t lgetxattr(const char* path, const char* name, void* value, size_t size) noexcept {
@@ -294,17 +295,17 @@ ssize_t lgetxattr(const char* path, const char* name, void* value, size_t size) 
     errno = ENODATA;
     return -1;
   }
-  TQSIM_NEXT(lgetxattr, ssize_t (*)(const char*, const char*, void*, size_t), path, name, value, size);
+  TQSIM_NEXT(lgetxattr, ssize_t(*)(const char*, const char*, void*, size_t), path, name, value, size);
 }
 
 ssize_t listxattr(const char* path, char* list, size_t size) noexcept {
   if (accessEmulated(path)) return 0;
-  TQSIM_NEXT(listxattr, ssize_t (*)(const char*, char*, size_t), path, list, size);
+  TQSIM_NEXT(listxattr, ssize_t(*)(const char*, char*, size_t), path, list, size);
 }
 
 ssize_t llistxattr(const char* path, char* list, size_t size) noexcept {
   if (accessEmulated(path)) return 0;
-  TQSIM_NEXT(llistxattr, ssize_t (*)(const char*, char*, size_t), path, list, size);
+  TQSIM_NEXT(llistxattr, ssize_t(*)(const char*, char*, size_t), path, list, size);
 }
 
 int __xstat(int ver, const char* path, struct stat* buf) {

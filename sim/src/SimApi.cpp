@@ -14,7 +14,9 @@ Emulation& emulation() { return Emulation::instance(); }
 
 void reset() { emulation().reset(); }
 
-CameraId plugCamera(const CameraConfig& config, std::string* error) { return emulation().plug(config, error); }
+CameraId plugCamera(const CameraConfig& config, std::string* error) {
+  return emulation().plug(config, error);
+}
 
 bool unplugCamera(CameraId id) { return emulation().unplug(id); }
 
@@ -56,7 +58,9 @@ bool setUdevFaults(CameraId id, const UdevFaults& faults) {
   return emulation().modify(id, [&](CameraConfig& c) { c.udevFaults = faults; });
 }
 
-bool modifyCamera(CameraId id, const std::function<void(CameraConfig&)>& fn) { return emulation().modify(id, fn); }
+bool modifyCamera(CameraId id, const std::function<void(CameraConfig&)>& fn) {
+  return emulation().modify(id, fn);
+}
 
 std::vector<std::vector<uint8_t>> receivedReports(CameraId id) {
   auto camera = emulation().find(id);

@@ -1,9 +1,9 @@
 // Owns one descriptor; closes it through the real close, never our interposer.
 #pragma once
 
-#include "RealCalls.h"
-
 #include <utility>
+
+#include "RealCalls.h"
 
 namespace tqsim {
 

@@ -1,19 +1,18 @@
 // tq-uvc-sim [--config FILE] -- PROGRAM ARGS...
 // Runs PROGRAM with the emulated cameras: preloads the emulation library,
 // points it at the configuration and lets it put its udevadm first on PATH.
-#include "StateFile.h"
-
-#include <CLI/CLI.hpp>
-
 #include <limits.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
+
+#include "StateFile.h"
 
 namespace {
 
@@ -47,7 +46,7 @@ std::string absolute(const std::string& path) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int launch(int argc, char** argv) {
   CLI::App app{"Runs a program with emulated UVC cameras (hidraw, video and udevadm)", "tq-uvc-sim"};
   std::string config;
   std::vector<std::string> command;
@@ -80,9 +79,19 @@ int main(int argc, char** argv) {
   }
 
   std::vector<char*> args;
+  args.reserve(command.size() + 1);
   for (std::string& arg : command) args.push_back(arg.data());
   args.push_back(nullptr);
   ::execvp(args[0], args.data());
   std::cerr << "tq-uvc-sim: cannot run " << command[0] << ": " << std::strerror(errno) << '\n';
   return 127;
+}
+
+int main(int argc, char** argv) {
+  try {
+    return launch(argc, argv);
+  } catch (const std::exception& e) {
+    std::cerr << "tq-uvc-sim: " << e.what() << '\n';
+    return 127;
+  }
 }

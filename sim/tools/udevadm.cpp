@@ -1,9 +1,6 @@
 // udevadm for the emulated cameras: "info -q path" and "info -a" over the state
 // file that the hosting process keeps (path in TQSIM_STATE_FILE). Output and
 // error texts follow the real tool, so that callers parsing them see the same.
-#include "StateFile.h"
-#include "UdevWalk.h"
-
 #include <getopt.h>
 
 #include <chrono>
@@ -11,6 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include "StateFile.h"
+#include "UdevWalk.h"
 
 namespace {
 
@@ -41,12 +41,9 @@ void usage() {
 
 int info(int argc, char** argv) {
   static const option options[] = {
-      {"query", required_argument, nullptr, 'q'},
-      {"path", required_argument, nullptr, 'p'},
-      {"name", required_argument, nullptr, 'n'},
-      {"attribute-walk", no_argument, nullptr, 'a'},
-      {"help", no_argument, nullptr, 'h'},
-      {nullptr, 0, nullptr, 0},
+      {"query", required_argument, nullptr, 'q'}, {"path", required_argument, nullptr, 'p'},
+      {"name", required_argument, nullptr, 'n'},  {"attribute-walk", no_argument, nullptr, 'a'},
+      {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0},
   };
   std::string query;
   std::string name;
@@ -56,17 +53,30 @@ int info(int argc, char** argv) {
   optind = 1;
   while ((c = getopt_long(argc, argv, "q:p:n:ah", options, nullptr)) >= 0) {
     switch (c) {
-      case 'q': query = optarg; break;
-      case 'p': name = optarg; byName = false; break;
-      case 'n': name = optarg; byName = true; break;
-      case 'a': walk = true; break;
-      case 'h': usage(); return 0;
-      default: return 1;  // getopt printed the reason
+      case 'q':
+        query = optarg;
+        break;
+      case 'p':
+        name = optarg;
+        byName = false;
+        break;
+      case 'n':
+        name = optarg;
+        byName = true;
+        break;
+      case 'a':
+        walk = true;
+        break;
+      case 'h':
+        usage();
+        return 0;
+      default:
+        return 1;  // getopt printed the reason
     }
   }
   if (optind < argc && name.empty()) {
     name = argv[optind];
-    byName = name.rfind("/sys/", 0) != 0;
+    byName = name.rfind("/sys/", 0) != 0 && name.rfind("/devices/", 0) != 0;
   }
   if (name.empty()) {
     std::fprintf(stderr, "A device name or path is required\n");
@@ -87,8 +97,8 @@ int info(int argc, char** argv) {
   if (statePath == nullptr || !tqsim::readStateFile(statePath, state, &error)) return unknownDevice(name);
 
   tqsim::FoundNode found;
-  const bool known = byName ? tqsim::findByDeviceName(state, name, found)
-                            : tqsim::findByDevicePath(state, name, found);
+  const bool known =
+      byName ? tqsim::findByDeviceName(state, name, found) : tqsim::findByDevicePath(state, name, found);
   if (!known) return unknownDevice(name);
   const tqsim::StateCamera& camera = *found.camera;
   if (camera.udevFails) return 1;

@@ -1,11 +1,11 @@
 // The configuration file: what a file sets, and that mistakes are reported
 // with their line instead of being half applied.
-#include "SimTestUtil.h"
-
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
+
+#include "SimTestUtil.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 // The emulated hidraw node through plain open/ioctl/write/select/read, as the
 // library uses it.
-#include "SimTestUtil.h"
-
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <linux/input.h>
@@ -16,6 +14,8 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
+
+#include "SimTestUtil.h"
 
 using simtest::command;
 using simtest::readReport;
@@ -142,7 +142,8 @@ TEST_F(HidrawNode, FileDownloadThroughChunksIsByteExact) {
 
     std::vector<uint8_t> downloaded;
     for (size_t chunk = 0; downloaded.size() < size; ++chunk) {
-      auto ack = transact(fd_, command(0x4E, {0, static_cast<uint8_t>(chunk), static_cast<uint8_t>(chunk >> 8), 0}));
+      auto ack =
+          transact(fd_, command(0x4E, {0, static_cast<uint8_t>(chunk), static_cast<uint8_t>(chunk >> 8), 0}));
       ASSERT_EQ(ack.size(), 64u);
       ASSERT_EQ(ack[1], 0x4E);
       ASSERT_EQ(ack[2], 0);
@@ -168,7 +169,8 @@ TEST_F(HidrawNode, RecordsTheExactBytesReceived) {
   start();
   const std::vector<std::vector<uint8_t>> sent = {
       command(0x5C, {0, 0x50, 0x06, 0, 0, 0}), command(0x5D, {0, 0x50, 0x06, 1, 0, 0, 0, 0}), {1, 0x4E}, {7}};
-  for (const auto& report : sent) ASSERT_EQ(write(fd_, report.data(), report.size()), static_cast<ssize_t>(report.size()));
+  for (const auto& report : sent)
+    ASSERT_EQ(write(fd_, report.data(), report.size()), static_cast<ssize_t>(report.size()));
   ASSERT_TRUE(tqsim::waitForReports(id_, sent.size(), std::chrono::seconds(5)));
   EXPECT_EQ(tqsim::receivedReports(id_), sent);
   uint32_t value = 0;

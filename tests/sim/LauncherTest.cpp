@@ -1,11 +1,11 @@
 // tq-uvc-sim runs other programs with the emulated cameras preloaded.
-#include "SimTestUtil.h"
-
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
+
+#include "SimTestUtil.h"
 
 using simtest::run;
 

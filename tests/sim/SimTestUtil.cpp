@@ -61,10 +61,12 @@ RunResult run(const std::vector<std::string>& argv, const std::vector<std::strin
     environment.push_back(extra);
   }
   std::vector<char*> envp;
+  envp.reserve(environment.size() + 1);
   for (std::string& e : environment) envp.push_back(e.data());
   envp.push_back(nullptr);
   std::vector<std::string> args = argv;
   std::vector<char*> argp;
+  argp.reserve(args.size() + 1);
   for (std::string& a : args) argp.push_back(a.data());
   argp.push_back(nullptr);
 

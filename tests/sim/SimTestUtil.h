@@ -2,9 +2,8 @@
 // plain system calls and running programs.
 #pragma once
 
-#include <tqsim/Sim.h>
-
 #include <gtest/gtest.h>
+#include <tqsim/Sim.h>
 
 #include <cstdint>
 #include <string>

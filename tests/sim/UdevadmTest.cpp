@@ -1,10 +1,10 @@
 // The emulated udevadm, run as the library runs it, against the walks a real
 // kernel printed for the same camera (data/udevadm-walk-*.txt).
-#include "SimTestUtil.h"
-
 #include <cstring>
 #include <fstream>
 #include <sstream>
+
+#include "SimTestUtil.h"
 
 using simtest::run;
 
@@ -72,7 +72,8 @@ TEST_F(Udevadm, WalksMatchTheRealKernelsForTheDefaultCamera) {
     ASSERT_FALSE(expected.empty());
     EXPECT_EQ(withoutDurations(walk(c.node)), withoutDurations(expected));
   }
-  EXPECT_EQ(devicePath("hidraw0"), "/devices/platform/vhci_hcd.0/usb1/1-1/1-1:1.2/0003:7A3D:0203.0001/hidraw/hidraw0");
+  EXPECT_EQ(devicePath("hidraw0"),
+            "/devices/platform/vhci_hcd.0/usb1/1-1/1-1:1.2/0003:7A3D:0203.0001/hidraw/hidraw0");
   // A /sys prefix names the same device.
   const auto sys = run({"udevadm", "info", "-a", "-p", "/sys" + devicePath("/dev/video0")});
   EXPECT_EQ(sys.status, 0);
@@ -123,8 +124,10 @@ TEST_F(Udevadm, FaultsChangeWhatTheWalksShow) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ASSERT_TRUE(tqsim::setUdevFaults(id, c.faults));
-    EXPECT_EQ(firstAttribute(run({"udevadm", "info", "-a", "-p", hidPath}).out, "ATTRS{serial}"), c.hidSerial);
-    EXPECT_EQ(firstAttribute(run({"udevadm", "info", "-a", "-p", videoPath}).out, "ATTRS{serial}"), c.videoSerial);
+    EXPECT_EQ(firstAttribute(run({"udevadm", "info", "-a", "-p", hidPath}).out, "ATTRS{serial}"),
+              c.hidSerial);
+    EXPECT_EQ(firstAttribute(run({"udevadm", "info", "-a", "-p", videoPath}).out, "ATTRS{serial}"),
+              c.videoSerial);
   }
 
   tqsim::UdevFaults fails;
@@ -155,7 +158,8 @@ TEST_F(Udevadm, SecondCameraSitsOnTheNextPortWithItsOwnIdentity) {
   second.manufacturer = "Emu Vendor  ";  // trailing blanks are part of it
   const tqsim::CameraId id = plug(second);
 
-  EXPECT_EQ(devicePath("/dev/hidraw1"), "/devices/platform/vhci_hcd.0/usb1/1-2/1-2:1.2/0003:7A3D:0203.0002/hidraw/hidraw1");
+  EXPECT_EQ(devicePath("/dev/hidraw1"),
+            "/devices/platform/vhci_hcd.0/usb1/1-2/1-2:1.2/0003:7A3D:0203.0002/hidraw/hidraw1");
   EXPECT_EQ(devicePath("/dev/video3"), "/devices/platform/vhci_hcd.0/usb1/1-2/1-2:1.0/video4linux/video3");
   const std::string text = walk("/dev/video2");
   EXPECT_EQ(firstAttribute(text, "ATTRS{serial}"), "SECOND");
