@@ -44,14 +44,16 @@ Vexa_HID::Vexa_HID()
     : event{},
       bInitialized(0),
       uvcIndex{},
-      acquisitionEnabled{},
       nSeq(0),
       nPayloadOffset(4),
       nExpectedId(0),
       nStatus(0),
       payload{},
       bAnswer(0) {
-  for (uint32_t i = 0; i < 256; ++i) uvcIndex[i] = i;
+  for (uint32_t i = 0; i < 256; ++i) {
+    uvcIndex[i] = i;
+    acquisitionEnabled[i] = 0;
+  }
   pthread_mutex_init(&mutex, nullptr);
   // Monotonic, so that a wall-clock step cannot stretch or cut the 5-s wait.
   pthread_condattr_t attr;

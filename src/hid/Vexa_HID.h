@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 
 class Vexa_HID {
@@ -82,7 +83,8 @@ class Vexa_HID {
   int bInitialized;
   // 256 entries, not 255: the camera index is 8-bit, so 255 is a valid index.
   uint32_t uvcIndex[256];
-  int acquisitionEnabled[256];
+  // Written by register writes, read by the streaming side on other threads.
+  std::atomic<int> acquisitionEnabled[256];
   uint32_t nSeq;
   int32_t nPayloadOffset;
   uint32_t nExpectedId;
