@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <tqsim/Sim.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -85,6 +86,27 @@ TEST_F(cHidDevice, ReportsAreWrittenAsIdCommandAndLenBytes) {
   EXPECT_FALSE(hid.IsOpen());
   EXPECT_EQ(hid.thread, pthread_t{});
   EXPECT_EQ(tqsim::openHidNodes(cam_), 0);
+}
+
+TEST_F(cHidDevice, FeatureReadsCopyLenBytesOfTheReport) {
+  std::vector<uint8_t> file(1500);
+  for (size_t i = 0; i < file.size(); ++i) file[i] = static_cast<uint8_t>(i * 13 + 1);
+  ASSERT_TRUE(tqsim::modifyCamera(cam_, [&](tqsim::CameraConfig& c) { c.xmlFile = file; }));
+  cHid hid(0);
+  ASSERT_EQ(hid._open("/dev/hidraw0"), 0);
+  const uint8_t firstChunk[4] = {0, 0, 0, 0};
+  ASSERT_EQ(hid.hidReport(1, 0x4E, firstChunk, 4), 0);
+  ASSERT_TRUE(tqsim::waitForReports(cam_, 1, 2000ms));
+
+  // len beyond the 1024-byte report copies the report and nothing more.
+  for (uint16_t len : {uint16_t{10}, uint16_t{1024}, uint16_t{2000}}) {
+    std::vector<uint8_t> buf(2100, 0xEE);
+    ASSERT_EQ(hid.hidFeatureRd(1, buf.data(), len), 0);
+    size_t copied = std::min<size_t>(len, 1024);
+    EXPECT_TRUE(std::equal(buf.begin(), buf.begin() + copied, file.begin())) << "len " << len;
+    EXPECT_EQ(buf[copied], 0xEE) << "len " << len;
+  }
+  hid._close();
 }
 
 TEST_F(cHidDevice, InputReportsReachTheCallbackOnTheReaderThread) {
