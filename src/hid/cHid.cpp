@@ -129,7 +129,11 @@ void cHid::pauseAfterError() {
 
 void* cHid::cHidThreadRoutineStatic(void* self) {
   if (self == nullptr) return nullptr;
-  static_cast<cHid*>(self)->threadRoutine();
+  try {
+    static_cast<cHid*>(self)->threadRoutine();
+  } catch (...) {
+    // Nothing may leave the thread; the owner notices the silence by time-outs.
+  }
   return nullptr;
 }
 
