@@ -56,7 +56,7 @@ void cHid::_close() {
     if (wakeFd_ >= 0) {
       uint64_t one = 1;
       ssize_t n = ::write(wakeFd_, &one, sizeof one);
-      (void)n;  // a failed wake only costs one select timeout
+      (void)n;  // a failed wake only costs one poll interval
     }
     LIBLog.Debug("cHid::_close: pthread_join. waiting...\n");
     pthread_join(thread, nullptr);
