@@ -220,6 +220,7 @@ void Emulation::shutdown() {
   if (!active_) return;
   active_ = false;
   nodes_.clear();  // joins every serving thread, closes our ends
+  openCount_.store(0, std::memory_order_release);
   for (Entry& entry : cameras_) entry.camera->setPlugged(false);
   if (ownsStateDir_) {
     ::unlink(statePath_.c_str());
@@ -252,17 +253,19 @@ int Emulation::openNode(const char* path, int flags, bool& handled) {
   const int fd = node->callerFd();
   // A stale entry under this number was closed behind our back; drop it.
   nodes_[fd] = std::move(node);
+  openCount_.store(nodes_.size(), std::memory_order_release);
   return fd;
 }
 
 bool Emulation::closeNode(int fd) {
-  if (fd < 0 || gInChild.load()) return false;
+  if (fd < 0 || gInChild.load() || openCount_.load(std::memory_order_acquire) == 0) return false;
   std::unique_ptr<HidrawNode> node;
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = nodes_.find(fd);
   if (it == nodes_.end()) return false;
   node = std::move(it->second);
   nodes_.erase(it);
+  openCount_.store(nodes_.size(), std::memory_order_release);
   real::close(fd);
   node.reset();  // joins the serving thread
   return true;
@@ -270,7 +273,7 @@ bool Emulation::closeNode(int fd) {
 
 int Emulation::ioctlNode(int fd, unsigned long request, void* arg, bool& handled) {
   handled = false;
-  if (fd < 0 || gInChild.load()) return -1;
+  if (fd < 0 || gInChild.load() || openCount_.load(std::memory_order_acquire) == 0) return -1;
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = nodes_.find(fd);
   if (it == nodes_.end()) return -1;
@@ -533,7 +536,10 @@ bool Emulation::modify(CameraId id, const std::function<void(CameraConfig&)>& fn
   std::lock_guard<std::mutex> lock(mutex_);
   Entry* entry = entryLocked(id);
   if (entry == nullptr) return false;
-  entry->camera->modify(fn);
+  CameraConfig changed = entry->camera->config();
+  fn(changed);
+  if (entry->camera->plugged() && !nodeConflictLocked(changed, id).empty()) return false;
+  entry->camera->modify([&](CameraConfig& config) { config = std::move(changed); });
   writeStateLocked();  // identity and udev faults show in udevadm at once
   return true;
 }

@@ -9,6 +9,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -92,6 +93,9 @@ class Emulation {
   bool active_ = false;
   std::vector<Entry> cameras_;
   std::map<int, std::unique_ptr<HidrawNode>> nodes_;  // by the caller's descriptor
+  // nodes_.size(), readable without the lock: close and ioctl of a process
+  // with no hidraw descriptor open skip the lock.
+  std::atomic<size_t> openCount_{0};
   CameraId nextId_ = 1;
   int nextDevnum_ = 2;
   int nextHidSequence_ = 1;

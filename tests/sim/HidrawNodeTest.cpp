@@ -346,8 +346,22 @@ TEST_F(HidrawNode, NodeNumbersFollowTheConfiguration) {
   clash.hidrawNumber = 3;
   clash.videoNumber = 6;
   clash.metadataVideoNumber = 7;
-  EXPECT_NE(tqsim::plugCamera(clash, &error), tqsim::kNoCamera) << error;
+  const tqsim::CameraId other = tqsim::plugCamera(clash, &error);
+  EXPECT_NE(other, tqsim::kNoCamera) << error;
   EXPECT_FALSE(tqsim::replugCamera(id, &error));
+
+  // Moving a plugged camera: refused onto a plugged camera's node, at once
+  // otherwise.
+  tqsim::CameraConfig third = tqsim::defaultCameraConfig();
+  third.hidrawNumber = 5;
+  third.videoNumber = 8;
+  third.metadataVideoNumber = 9;
+  plug(third);
+  EXPECT_FALSE(tqsim::modifyCamera(other, [](tqsim::CameraConfig& c) { c.hidrawNumber = 5; }));
+  EXPECT_EQ(stat("/dev/hidraw3", &st), 0);
+  EXPECT_TRUE(tqsim::modifyCamera(other, [](tqsim::CameraConfig& c) { c.hidrawNumber = 9; }));
+  EXPECT_EQ(stat("/dev/hidraw9", &st), 0);
+  EXPECT_EQ(stat("/dev/hidraw3", &st), -1);
 }
 
 // Two cameras served at once from two threads: nothing crosses over.

@@ -62,8 +62,10 @@ bool cameraConfig(CameraId id, CameraConfig& out);
 bool setHidFaults(CameraId id, const HidFaults& faults);
 bool setVideoFaults(CameraId id, const VideoFaults& faults);
 bool setUdevFaults(CameraId id, const UdevFaults& faults);
-// Any other change: fn runs on the camera's record under its lock. Node numbers
-// and identity changes show on the next plug; the rest at once.
+// Any other change, in effect at once (identity and node numbers included; a
+// plugged camera's nodes move as if re-plugged elsewhere). fn works on a copy
+// of the record; false when the id is unknown or the new node numbers are
+// taken by another plugged camera or out of range (nothing changes then).
 bool modifyCamera(CameraId id, const std::function<void(CameraConfig&)>& fn);
 
 // Every output report the camera received, exactly as written (report id
