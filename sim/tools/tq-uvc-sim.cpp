@@ -39,6 +39,17 @@ std::string findLibrary() {
   return {};
 }
 
+// Where the library looks for its udevadm: bin/ beside it in the build tree,
+// tq-uvc-sim/bin/ beside it when installed.
+std::string findUdevadmDirectory(const std::string& library) {
+  const std::string libraryDir = library.substr(0, library.rfind('/'));
+  for (const char* sub : {"/bin", "/tq-uvc-sim/bin"}) {
+    std::string dir = libraryDir + sub;
+    if (::access((dir + "/udevadm").c_str(), X_OK) == 0) return dir;
+  }
+  return {};
+}
+
 std::string absolute(const std::string& path) {
   char resolved[PATH_MAX];
   return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : path;
@@ -76,6 +87,15 @@ int launch(int argc, char** argv) {
     ::unsetenv(tqsim::kEnvConfig);
   } else {
     ::setenv(tqsim::kEnvConfig, absolute(config).c_str(), 1);
+  }
+
+  // The library puts its udevadm first on PATH when it loads; the program
+  // itself may be udevadm, which is looked up before that.
+  const std::string udevadmDir = findUdevadmDirectory(library);
+  if (!udevadmDir.empty()) {
+    const char* path = std::getenv("PATH");
+    const std::string updated = path != nullptr && *path != '\0' ? udevadmDir + ":" + path : udevadmDir;
+    ::setenv("PATH", updated.c_str(), 1);
   }
 
   std::vector<char*> args;
