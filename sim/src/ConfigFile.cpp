@@ -140,7 +140,23 @@ bool parseBool(const std::string& raw, bool& out, std::string& why) {
   return true;
 }
 
-// "1280x960 30 15": a discrete size with frame rates 1/30 and 1/15.
+// One interval: "30" (frames per second, interval 1/30) or "1/30".
+bool parseInterval(const std::string& text, FrameInterval& interval, std::string& why) {
+  const size_t slash = text.find('/');
+  long long numerator = 1;
+  long long denominator = 0;
+  if (slash == std::string::npos) {
+    if (!parseInt(text, 1, 1000, denominator, why)) return false;
+  } else if (!parseInt(text.substr(0, slash), 1, 1000000, numerator, why) ||
+             !parseInt(text.substr(slash + 1), 1, 1000000, denominator, why)) {
+    return false;
+  }
+  interval = {static_cast<uint32_t>(numerator), static_cast<uint32_t>(denominator)};
+  return true;
+}
+
+// "1280x960 30 15": a size with discrete intervals 1/30 and 1/15;
+// "1280x960 stepwise 1/30 1/5 1/30": min, max and step (continuous alike).
 bool parseSize(const std::string& raw, FrameSize& size, std::string& why) {
   std::istringstream in(raw);
   std::string dims;
@@ -156,11 +172,22 @@ bool parseSize(const std::string& raw, FrameSize& size, std::string& why) {
   size.width = static_cast<uint32_t>(width);
   size.height = static_cast<uint32_t>(height);
   size.intervalKind = IntervalKind::Discrete;
-  std::string rate;
-  while (in >> rate) {
-    long long fps = 0;
-    if (!parseInt(rate, 1, 1000, fps, why)) return false;
-    size.intervals.push_back({1, static_cast<uint32_t>(fps)});
+  std::string token;
+  bool first = true;
+  while (in >> token) {
+    if (first && (token == "stepwise" || token == "continuous")) {
+      size.intervalKind = token == "stepwise" ? IntervalKind::Stepwise : IntervalKind::Continuous;
+      first = false;
+      continue;
+    }
+    first = false;
+    FrameInterval interval;
+    if (!parseInterval(token, interval, why)) return false;
+    size.intervals.push_back(interval);
+  }
+  if (size.intervalKind != IntervalKind::Discrete && size.intervals.size() != 3) {
+    why = "a stepwise or continuous size needs min, max and step intervals";
+    return false;
   }
   if (size.intervals.empty()) {
     why = "a size needs at least one frame rate";
@@ -314,6 +341,18 @@ bool parseConfigText(const std::string& text, const std::string& baseDir, const 
       if (ok) c.video.sizes.push_back(size);
     } else if (key == "free-run") {
       ok = parseBool(value, c.video.freeRun, why);
+    } else if (key == "size-kind") {
+      const std::string kind = lower(trim(value));
+      if (kind == "discrete") {
+        c.video.sizeKind = SizeKind::Discrete;
+      } else if (kind == "stepwise") {
+        c.video.sizeKind = SizeKind::Stepwise;
+      } else if (kind == "continuous") {
+        c.video.sizeKind = SizeKind::Continuous;
+      } else {
+        why = "size-kind is discrete, stepwise or continuous";
+        ok = false;
+      }
     } else if (key == "fault") {
       const std::string fault = lower(argument);
       if (fault == "no-answer") {
@@ -341,6 +380,35 @@ bool parseConfigText(const std::string& text, const std::string& baseDir, const 
         ok = parseBool(value, c.videoFaults.openFails, why);
       } else if (fault == "video-stops") {
         ok = parseBool(value, c.videoFaults.stopSending, why);
+      } else if (fault == "video-select-fails") {
+        ok = parseBool(value, c.videoFaults.selectFails, why);
+      } else if (fault == "video-format-errno" || fault == "video-dqbuf-errno" ||
+                 fault == "video-enum-sizes-errno") {
+        ok = parseInt(value, 0, 4095, number, why);
+        (fault == "video-format-errno"  ? c.videoFaults.formatError
+         : fault == "video-dqbuf-errno" ? c.videoFaults.dqbufErrno
+                                        : c.videoFaults.enumSizesErrno) = static_cast<int>(number);
+      } else if (fault == "video-answer-format") {
+        std::string fourcc;
+        ok = parseText(value, fourcc, why);
+        if (ok && fourcc.size() != 4) {
+          why = "a pixel format is four characters, e.g. MJPG";
+          ok = false;
+        }
+        if (ok) {
+          c.videoFaults.answerPixelFormat = static_cast<uint8_t>(fourcc[0]) |
+                                            (static_cast<uint32_t>(static_cast<uint8_t>(fourcc[1])) << 8) |
+                                            (static_cast<uint32_t>(static_cast<uint8_t>(fourcc[2])) << 16) |
+                                            (static_cast<uint32_t>(static_cast<uint8_t>(fourcc[3])) << 24);
+        }
+      } else if (fault == "video-answer-size") {
+        FrameSize answered;
+        ok = parseSize(value + " 1", answered, why);
+        c.videoFaults.answerWidth = answered.width;
+        c.videoFaults.answerHeight = answered.height;
+      } else if (fault == "video-short-frame-bytes") {
+        ok = parseInt(value, 0, 0xFFFFFFFFLL, number, why);
+        c.videoFaults.shortFrameBytes = static_cast<uint32_t>(number);
       } else {
         why = "unknown fault '" + argument + "'";
         ok = false;

@@ -48,8 +48,11 @@ register 0x0A04 = 640
 memory 0x05D0 = hex 01 02 03 00 2a
 xml = desc.xml
 size = 800x600 25 5
-size = 400x300 10
+size = 400x300 stepwise 1/30 1/5 1/30
+size-kind = discrete
 fault status = 5
+fault video-answer-format = "MJPG"
+fault video-answer-size = 320x200
 fault video-serial = "OTHER"
 
 [camera]
@@ -78,6 +81,12 @@ xml = none
   EXPECT_EQ(a.video.sizes[0].width, 800u);
   ASSERT_EQ(a.video.sizes[0].intervals.size(), 2u);
   EXPECT_EQ(a.video.sizes[0].intervals[1].denominator, 5u);
+  EXPECT_EQ(a.video.sizes[1].intervalKind, tqsim::IntervalKind::Stepwise);
+  ASSERT_EQ(a.video.sizes[1].intervals.size(), 3u);
+  EXPECT_EQ(a.video.sizes[1].intervals[1].denominator, 5u);
+  EXPECT_EQ(a.videoFaults.answerPixelFormat, 0x47504A4Du);
+  EXPECT_EQ(a.videoFaults.answerWidth, 320u);
+  EXPECT_EQ(a.videoFaults.answerHeight, 200u);
   EXPECT_EQ(a.hidFaults.status, 5);
   EXPECT_EQ(a.udevFaults.videoSerial, "OTHER");
   EXPECT_EQ(a.hidrawNumber, 0);
@@ -110,6 +119,7 @@ TEST_F(ConfigFile, MistakesNameTheirLineAndChangeNothing) {
       {"[camera]\n\nhidraw = 300\n", ":3: '300' is not a number in 0..255"},
       {"[camera]\nregister = 5\n", ":2: register needs an address"},
       {"[camera]\nsize = 640 30\n", ":2: size must be WIDTHxHEIGHT"},
+      {"[camera]\nsize = 640x480 stepwise 1/30\n", ":2: a stepwise or continuous size needs"},
       {"[camera]\nfault sideways = 1\n", ":2: unknown fault 'sideways'"},
       {"[camera]\ncolour = red\n", ":2: unknown key 'colour'"},
       {"[camera]\nxml = missing.xml\n", ":2: cannot read"},
