@@ -7,12 +7,14 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <thread>
 
 #include "SimTestUtil.h"
@@ -394,6 +396,55 @@ TEST_F(HidrawNode, CamerasServeConcurrently) {
   b.join();
   EXPECT_EQ(mismatchesA, 0);
   EXPECT_EQ(mismatchesB, 0);
+}
+
+}  // namespace
+
+namespace {
+
+size_t entries(const char* dir) {
+  size_t n = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dir)) ++n;
+  return n;
+}
+
+// Every descriptor and serving thread goes away with close, unplug and reset.
+TEST_F(HidrawNode, ReleasesDescriptorsAndThreads) {
+  plug(config_);
+  const size_t fds = entries("/proc/self/fd");
+  const size_t threads = entries("/proc/self/task");
+  std::vector<int> open;
+  for (int i = 0; i < 4; ++i) open.push_back(::open("/dev/hidraw0", O_RDWR));
+  for (int fd : open) ASSERT_GE(fd, 0);
+  EXPECT_EQ(entries("/proc/self/task"), threads + 4);
+  close(open[0]);
+  close(open[1]);
+  EXPECT_EQ(entries("/proc/self/task"), threads + 2);
+  tqsim::reset();  // unplugs: serving ends, the two descriptors stay (dead) until closed
+  EXPECT_EQ(entries("/proc/self/task"), threads);
+  close(open[2]);
+  close(open[3]);
+  EXPECT_EQ(entries("/proc/self/fd"), fds);
+}
+
+// A forked child must not act on the parent's cameras: it sees no nodes and
+// closing an inherited descriptor is a plain close.
+TEST_F(HidrawNode, ForkedChildIsInert) {
+  start();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    struct stat st {};
+    const bool sawNode = stat("/dev/hidraw0", &st) == 0;
+    const bool closed = close(fd_) == 0;
+    _exit(sawNode ? 1 : closed ? 0 : 2);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: the child saw the node, 2: close failed";
+  // The parent's node still works.
+  EXPECT_EQ(transact(fd_, command(0x5C, {0, 0x04, 0x0A, 0, 0, 0})).size(), 64u);
 }
 
 }  // namespace
