@@ -30,28 +30,28 @@ enum class SizeKind { Discrete, Stepwise, Continuous };
 struct VideoConfig {
   SizeKind sizeKind = SizeKind::Discrete;  // how VIDIOC_ENUM_FRAMESIZES answers
   std::vector<FrameSize> sizes;            // in driver order
-  bool freeRun = false;  // frames as fast as the consumer takes them (benchmarks)
+  bool freeRun = false;                    // frames as fast as the consumer takes them (benchmarks)
 };
 
 struct VideoFaults {
-  bool openFails = false;           // v4l2_open answers ENODEV
-  int formatError = 0;              // VIDIOC_S_FMT fails with this errno (0: no fault)
-  uint32_t answerPixelFormat = 0;   // S_FMT answers this fourcc instead (0: no fault)
-  uint32_t answerWidth = 0;         // S_FMT answers another size (0: no fault)
+  bool openFails = false;          // v4l2_open answers ENODEV
+  int formatError = 0;             // VIDIOC_S_FMT fails with this errno (0: no fault)
+  uint32_t answerPixelFormat = 0;  // S_FMT answers this fourcc instead (0: no fault)
+  uint32_t answerWidth = 0;        // S_FMT answers another size (0: no fault)
   uint32_t answerHeight = 0;
-  uint32_t shortFrameBytes = 0;     // bytesused of every frame (0: full frames)
-  int dqbufErrno = 0;               // every VIDIOC_DQBUF fails with this errno (0: no fault)
-  bool selectFails = false;         // the node reports an error on select, as on unplug
-  bool stopSending = false;         // no further frames are produced
-  int enumSizesErrno = 0;           // ENUM_FRAMESIZES ends with this errno instead of EINVAL
+  uint32_t shortFrameBytes = 0;  // bytesused of every frame (0: full frames)
+  int dqbufErrno = 0;            // every VIDIOC_DQBUF fails with this errno (0: no fault)
+  bool selectFails = false;      // the node reports an error on select, as on unplug
+  bool stopSending = false;      // no further frames are produced
+  int enumSizesErrno = 0;        // ENUM_FRAMESIZES ends with this errno instead of EINVAL
 };
 
 struct HidFaults {
-  bool noAnswer = false;            // commands get no answer report
-  uint32_t lateAnswerMs = 0;        // answer sent this long after the command (0: at once)
-  int wrongEcho = -1;               // echo this code instead of the command's (-1: no fault)
-  uint8_t status = 0;               // status byte of every answer (1..18; 0: success)
-  bool featureFails = false;        // HIDIOCGFEATURE fails with EIO
+  bool noAnswer = false;      // commands get no answer report
+  uint32_t lateAnswerMs = 0;  // answer sent this long after the command (0: at once)
+  int wrongEcho = -1;         // echo this code instead of the command's (-1: no fault)
+  uint8_t status = 0;         // status byte of every answer (1..18; 0: success)
+  bool featureFails = false;  // HIDIOCGFEATURE fails with EIO
 };
 
 struct UdevFaults {
@@ -68,12 +68,12 @@ struct CameraConfig {
   std::string hidProductText = "UVC HID Device";
   uint16_t vendorId = 0x7A3D;
   uint16_t productId = 0x0203;
-  int hidrawNumber = 0;         // /dev/hidrawN
-  int videoNumber = 0;          // /dev/videoN, the capture node
-  int metadataVideoNumber = 1;  // /dev/videoN of the metadata node (-1: none)
-  std::map<uint16_t, uint32_t> registers;      // initial register values by HID address
-  std::map<uint16_t, std::string> memory;      // memory contents by HID address
-  std::vector<uint8_t> xmlFile;                // the description file
+  int hidrawNumber = 0;                    // /dev/hidrawN
+  int videoNumber = 0;                     // /dev/videoN, the capture node
+  int metadataVideoNumber = 1;             // /dev/videoN of the metadata node (-1: none)
+  std::map<uint16_t, uint32_t> registers;  // initial register values by HID address
+  std::map<uint16_t, std::string> memory;  // memory contents by HID address
+  std::vector<uint8_t> xmlFile;            // the description file
   VideoConfig video;
   HidFaults hidFaults;
   VideoFaults videoFaults;
