@@ -48,9 +48,9 @@ void rklog_WriteArgList(unsigned int source, unsigned int level, const char* use
 void rklog_IncIndent(const void* owner);
 void rklog_DecIndent(const void* owner);
 
-/* Re-reads the level configuration from `spec` (TQ_LOG syntax), or from the
- * environment when spec is NULL. Affects rklog_Enabled from now on. */
-void rklog_Configure(const char* spec);
+/* Re-reads the level configuration from `levels` (TQ_LOG syntax), or from the
+ * environment when levels is NULL. Affects rklog_Enabled from now on. */
+void rklog_Configure(const char* levels);
 
 /* One written line as handed to sinks. All pointers are valid during the call. */
 typedef struct rklog_Record {

@@ -95,11 +95,11 @@ void trim(const char** begin, const char** end) {
   while (*end > *begin && isSpace((*end)[-1])) --*end;
 }
 
-void parseSpec(const char* spec) {
+void parseLevels(const char* levels) {
   configCount = 0;
   fallbackMask = kDefaultLevels;
-  if (!spec) return;
-  const char* p = spec;
+  if (!levels) return;
+  const char* p = levels;
   while (*p) {
     const char* itemEnd = p;
     while (*itemEnd && *itemEnd != ',' && *itemEnd != ';') ++itemEnd;
@@ -132,7 +132,7 @@ void parseSpec(const char* spec) {
 
 void ensureConfiguredLocked() {
   if (configured) return;
-  parseSpec(getenv("TQ_LOG"));
+  parseLevels(getenv("TQ_LOG"));
   configured = true;
 }
 
@@ -199,9 +199,9 @@ const char* sourceName(unsigned id) {
   return sources[id - 1].name;
 }
 
-void configure(const char* spec) {
+void configure(const char* levels) {
   std::lock_guard<std::mutex> lock(registryMutex);
-  parseSpec(spec ? spec : getenv("TQ_LOG"));
+  parseLevels(levels ? levels : getenv("TQ_LOG"));
   configured = true;
   recomputeAll();
 }

@@ -20,9 +20,9 @@ unsigned enabledLevels(unsigned id);
 // Name of a registered source, nullptr for an unknown id.
 const char* sourceName(unsigned id);
 
-// Re-parses the level configuration (from TQ_LOG when spec is null) and
+// Re-parses the level configuration (from TQ_LOG when levels is null) and
 // recomputes every source's mask.
-void configure(const char* spec);
+void configure(const char* levels);
 
 // Parses one level word ("debug", "off", "all", "0x1f", "12"); false when it
 // is none of these.

@@ -117,11 +117,11 @@ TQ_EXPORT void rklog_DecIndent(const void*) {
   if (indentSteps > 0) --indentSteps;
 }
 
-TQ_EXPORT void rklog_Configure(const char* spec) {
+TQ_EXPORT void rklog_Configure(const char* levels) {
   NoCancel noCancel;
   try {
-    tqlog::configure(spec);
-    if (!spec) tqlog::resetOutput();
+    tqlog::configure(levels);
+    if (!levels) tqlog::resetOutput();
   } catch (...) {
   }
 }
