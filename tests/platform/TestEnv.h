@@ -25,29 +25,18 @@ class TestEnv {
     std::filesystem::remove_all(dir_, ignored);
   }
   TestEnv(const TestEnv&) = delete;
-  TestEnv& operator=(const TestEnv&) = delete;
-
   const std::filesystem::path& dir() const { return dir_; }
 
   // Sets (or with null, removes) a variable until restore() or the end.
   void set(const char* name, const char* value) {
     const char* old = getenv(name);
     saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
+    value ? setenv(name, value, 1) : unsetenv(name);
   }
-  void set(const char* name, const std::string& value) { set(name, value.c_str()); }
-
+  // Newest first, so a variable set twice gets its first old value back.
   void restore() {
-    // Newest first, so a variable set twice gets its first old value back.
-    for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
-      if (it->second)
-        setenv(it->first.c_str(), it->second->c_str(), 1);
-      else
-        unsetenv(it->first.c_str());
-    }
+    for (auto it = saved_.rbegin(); it != saved_.rend(); ++it)
+      it->second ? setenv(it->first.c_str(), it->second->c_str(), 1) : unsetenv(it->first.c_str());
     saved_.clear();
   }
 
