@@ -1,10 +1,11 @@
-// Shared set-up of the capture tests: an emulated camera on /dev/video0 (with
-// its metadata node on /dev/video1) and a frame sink that checks every frame
-// against the test pattern.
+// Shared set-up of the capture tests: an emulated camera on /dev/video0 and a
+// frame sink that checks every frame against the emulated test pattern.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <tqsim/FramePattern.h>
 #include <tqsim/Sim.h>
+#include <tqsim/VideoStatus.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -12,36 +13,51 @@
 #include <mutex>
 #include <vector>
 
+#include "LogCapture.h"
+#include "video/KOR_UVC.h"
+
 namespace videotest {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kCapturePath = "/dev/video0";
-constexpr const char* kMetadataPath = "/dev/video1";
-
-// Polls `done` until it holds or the deadline passes.
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
-
 // One frame as a callback saw it.
 struct Frame {
-  int size = 0;
-  int cameraIndex = -1;
-  bool patternOk = false;
-  uint32_t number = 0;
+  int size, cameraIndex;
+  bool patternOk;
+  uint32_t number;
 };
 
-// Collects frames from any callback; thread-safe.
+// Collects frames from either kind of callback; thread-safe.
 class FrameSink {
  public:
-  void add(const unsigned char* data, int size, int cameraIndex);
-  std::vector<Frame> frames() const;
-  size_t count() const;
-  bool waitForFrames(size_t n, std::chrono::milliseconds timeout) const;
+  void add(const void* data, int size, int cameraIndex) {
+    Frame f{size, cameraIndex, false, 0};
+    f.patternOk =
+        data && size > 0 && tqsim::verifyFrame(static_cast<const uint8_t*>(data), size_t(size), &f.number);
+    std::lock_guard<std::mutex> lock(mutex_);
+    frames_.push_back(f);
+    added_.notify_all();
+  }
+  std::vector<Frame> frames() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return frames_;
+  }
+  bool waitFor(const std::function<bool(const std::vector<Frame>&)>& done,
+               std::chrono::milliseconds timeout = 3s) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return added_.wait_for(lock, timeout, [&] { return done(frames_); });
+  }
+  bool waitForFrames(size_t n) const {
+    return waitFor([n](const std::vector<Frame>& f) { return f.size() >= n; });
+  }
 
-  // Capture-thread callback; context is the sink.
-  static int captureCallback(unsigned char* data, int size, int cameraIndex, void* context);
-  // Facade callback; context is the sink.
-  static void bufferCallback(char* data, int size, void* context);
+  static int captureCallback(unsigned char* data, int size, int cameraIndex, void* context) {
+    static_cast<FrameSink*>(context)->add(data, size, cameraIndex);
+    return 0;
+  }
+  static void bufferCallback(char* data, int size, void* context) {
+    static_cast<FrameSink*>(context)->add(data, size, -1);
+  }
 
  private:
   mutable std::mutex mutex_;
@@ -51,12 +67,25 @@ class FrameSink {
 
 class VideoSimTest : public ::testing::Test {
  protected:
-  void SetUp() override;
-  // Closes every capture object left in the table and forgets the cameras.
-  void TearDown() override;
-  tqsim::CameraId plug(const tqsim::CameraConfig& config);
-  tqsim::CameraId plugDefault() { return plug(tqsim::defaultCameraConfig()); }
-  void setFaults(tqsim::CameraId id, const std::function<void(tqsim::VideoFaults&)>& change);
+  void SetUp() override { tqsim::reset(); }
+  // Closes every capture object a test left in the table.
+  void TearDown() override {
+    for (unsigned char i = 0; i < KOR_UVC_MAX_CAMERAS; ++i)
+      if (capture_thread[i]) KOR_UVC_StreamClose(i);
+    tqsim::reset();
+  }
+  tqsim::CameraId plug(const tqsim::CameraConfig& config = tqsim::defaultCameraConfig()) {
+    std::string error;
+    tqsim::CameraId id = tqsim::plugCamera(config, &error);
+    EXPECT_NE(id, tqsim::kNoCamera) << error;
+    return id;
+  }
+  static void setFaults(tqsim::CameraId id, const std::function<void(tqsim::VideoFaults&)>& change) {
+    tqsim::CameraConfig config;
+    ASSERT_TRUE(tqsim::cameraConfig(id, config));
+    change(config.videoFaults);
+    ASSERT_TRUE(tqsim::setVideoFaults(id, config.videoFaults));
+  }
 };
 
 }  // namespace videotest
