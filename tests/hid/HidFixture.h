@@ -6,7 +6,11 @@
 #include <gtest/gtest.h>
 #include <tqsim/Sim.h>
 
+#include <memory>
 #include <string>
+
+#include "hid/KOR_HID.h"
+#include "hid/Vexa_HID.h"
 
 namespace hidtest {
 
@@ -16,19 +20,30 @@ constexpr unsigned short kPid = 0x0203;
 // The default camera moved to other node numbers, with its own serial.
 tqsim::CameraConfig cameraOn(int hidraw, int video, const std::string& serial);
 
-// Identity key of a camera as enumeration builds it.
-std::string identity(const std::string& serial, int video, int hidraw);
-
-// Index of the DevicePool record with that identity, -1 when there is none.
-int indexOf(const std::string& identityKey);
+// Index of the DevicePool record enumeration made for that camera, -1 if none.
+int indexOf(const std::string& serial, int video, int hidraw);
 
 class SimTest : public ::testing::Test {
  protected:
-  void SetUp() override;
+  void SetUp() override { tqsim::reset(); }
   // Closes every attached device and forgets the cameras.
   void TearDown() override;
   // Plugs a camera; a failure to plug fails the test.
   tqsim::CameraId plug(const tqsim::CameraConfig& config);
+};
+
+// One camera on hidraw0/video0, enumerated, with a Vexa_HID opened on it.
+class VexaHidTest : public SimTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override {
+    hid_.reset();
+    SimTest::TearDown();
+  }
+
+  tqsim::CameraId sim_ = tqsim::kNoCamera;
+  uint8_t cam_ = 0;
+  std::unique_ptr<Vexa_HID> hid_;
 };
 
 }  // namespace hidtest

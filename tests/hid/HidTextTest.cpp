@@ -1,0 +1,84 @@
+// Status texts, udev text parsing and the identity getters, without a camera.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "hid/DecodeError.h"
+#include "hid/KOR_HID.h"
+#include "hid/UdevText.h"
+
+namespace {
+
+// In order: 0 repeats the text of the code before it.
+const std::pair<int, const char*> kTexts[] = {
+    {1, "Error: VX_UVC_STATUS_UNKNOWN_ERROR"},
+    {9, "Error: VX_UVC_STATUS_MISSSING_DATA_CHUNKS"},
+    {18, "Error: RX2_STATUS_HW_ERR_FPGA"},
+    {0, "Error: RX2_STATUS_HW_ERR_FPGA"},
+    {-1, "Error: HID_ERROR_TIMEOUT"},
+    {0, "Error: HID_ERROR_TIMEOUT"},
+    {-3, "Error: HID_ERROR_PROTOCOL_UNDEFINED"},
+    {19, "Error: unknown error code"},
+    {-4, "Error: unknown error code"},
+    {-101, "Error: unknown error code"},
+};
+
+TEST(DecodeError, RepresentativeCodes) {
+  for (const auto& [code, text] : kTexts) EXPECT_EQ(DecodeError(code), text) << "code " << code;
+}
+
+TEST(DecodeError, ConcurrentCallersGetWholeTexts) {
+  std::set<std::string> valid;
+  for (const auto& c : kTexts) valid.insert(c.second);
+  std::vector<int> bad(4, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([t, &valid, &bad] {
+      for (int i = 0; i < 2000; ++i) bad[t] += valid.count(DecodeError(kTexts[(t * 7 + i) % 10].first)) == 0;
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(bad, std::vector<int>(4, 0));
+}
+
+TEST(sGetString, OddTexts) {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      // A missing key falls back to the first quoted string of the text.
+      {"a==\"1\" b==\"2\"", "b", "2"},
+      {"a==\"1\" b==\"2\"", "c", "1"},
+      {"no quotes at all", "key", "no quotes at all"},
+      {"key=\"open ended", "key", "open ended"},
+      {"", "key", ""},
+  };
+  for (const auto& [text, key, expected] : cases) EXPECT_EQ(sGetString(text, key), expected) << text;
+  // Output longer than one read comes back whole, whatever the exit status.
+  const std::string longLine(300, 'x');
+  EXPECT_EQ(sExec("printf '" + longLine + "'; exit 3"), longLine);
+}
+
+// Copies stop at len - 1 and are terminated; no room or no record: untouched.
+TEST(KorHid, GettersStayWithinLenAndTheTable) {
+  const auto cam = static_cast<uint8_t>(DevicePool.size());
+  DevicePool.emplace_back();
+  DevicePool.back().sSerial = "SER123";
+  const std::pair<int32_t, std::string> cases[] = {
+      {8, std::string("SER123\0#", 8)}, {4, std::string("SER\0####", 8)}, {0, "########"}};
+  for (const auto& [len, expected] : cases) {
+    char buf[8] = {'#', '#', '#', '#', '#', '#', '#', '#'};
+    EXPECT_EQ(KOR_HID_GetSerialNumber(cam, buf, len), 0);
+    EXPECT_EQ(std::string(buf, 8), expected) << "len " << len;
+  }
+  char buf[4] = {'#', '#', '#', '#'};
+  EXPECT_EQ(KOR_HID_GetDevicePathUVC(uint8_t(cam + 1), buf, 4), 0);
+  EXPECT_EQ(std::string(buf, 4), "####");
+  uint8_t data[4] = {};
+  EXPECT_EQ(KOR_HID_Report(cam, 1, 0x5C, data, 4), 1);
+  EXPECT_EQ(KOR_HID_FeatureRd(uint8_t(cam + 1), 1, data, 4), 1);
+  DevicePool.pop_back();
+}
+
+}  // namespace
