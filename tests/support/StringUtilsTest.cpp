@@ -32,7 +32,7 @@ TEST(SupportStrings, FileNamesAndMakers) {
     return s;
   };
   EXPECT_EQ(clean("a/b:c d"), "a.b.c d");
-  // Bytes above 0x7f must not pass as letters through a signed char.
+  // Bytes above 0x7f and control characters go too, whatever the locale.
   EXPECT_EQ(clean("Az09_~\\*\xc3\xa4\t"), "Az09_~.....");
 
   EXPECT_TRUE(IsOwnDevice("KOR GmbH") && IsOwnDevice("made by Kormand Sensor Works Ltd"));
