@@ -107,9 +107,10 @@ int CaptureThread::enumFrameIntervals(int fd, FrameSizeEntry& entry) {
     fival.width = static_cast<uint32_t>(entry.width);
     fival.height = static_cast<uint32_t>(entry.height);
     if (xioctl(fd, VIDIOC_ENUM_FRAMEINTERVALS, &fival) != 0) break;
-    // Greater-than on purpose: an eleventh rate still gets in.
+    // Greater-than on purpose: an eleventh rate still gets in. The line keeps
+    // its stray "%)"; the count lands in the one real conversion.
     if (entry.nFrameRates > LIST_MAX_NUM) {
-      LIBLog.Error("---> list_fps_len(%d) > LIST_MAX_NUM(%d)\n", entry.nFrameRates, LIST_MAX_NUM);
+      LIBLog.Error("---> list_fps_len(%%) > LIST_MAX_NUM(%d)\n", entry.nFrameRates);
       break;
     }
     if (fival.type != V4L2_FRMIVAL_TYPE_DISCRETE) {
