@@ -122,9 +122,9 @@ unsigned int cHid::read_report(uint8_t* buf) {
 void cHid::pauseAfterError() {
   // A vanished node fails at once on every round; without a pause the reader
   // would spin a core until it is closed.
-  if (wakeFd_ < 0) return;
+  // Without a wake descriptor the pause is a plain sleep of the same length.
   pollfd wake = {wakeFd_, POLLIN, 0};
-  ::poll(&wake, 1, kErrorPauseMs);
+  ::poll(&wake, wakeFd_ >= 0 ? 1 : 0, kErrorPauseMs);
 }
 
 void* cHid::cHidThreadRoutineStatic(void* self) {
