@@ -68,12 +68,14 @@ TEST_F(VexaHid, DeviceStatusIsReturnedWithItsText) {
   // send result.
   const uint8_t pastTable = static_cast<uint8_t>(DevicePool.size());
   EXPECT_EQ(hid_->GetInt32(pastTable, 0x0010, &value), 5);
-  EXPECT_EQ(log.countExact("Vexa_HID::GetInt32 command error:5 : Error: VX_UVC_STATUS_NOT_AVAILABLE", RKLOG_ERROR),
-            2u);
+  EXPECT_EQ(
+      log.countExact("Vexa_HID::GetInt32 command error:5 : Error: VX_UVC_STATUS_NOT_AVAILABLE", RKLOG_ERROR),
+      2u);
   int size = -1;
   EXPECT_EQ(hid_->GetXMLSize(pastTable, &size), 5);
   EXPECT_EQ(size, -1);
-  EXPECT_TRUE(log.contains("Vexa_HID::GetFunc command error:5 : Error: VX_UVC_STATUS_NOT_AVAILABLE", RKLOG_ERROR));
+  EXPECT_TRUE(
+      log.contains("Vexa_HID::GetFunc command error:5 : Error: VX_UVC_STATUS_NOT_AVAILABLE", RKLOG_ERROR));
 }
 
 TEST_F(VexaHid, WrongEchoIsAProtocolError) {
@@ -117,7 +119,8 @@ TEST_F(VexaHid, AcquisitionFlagIsSetBeforeTheWriteAndSurvivesItsFailure) {
   tqtest::LogCapture log;
   // No device and no status left by an earlier answer: the send result.
   EXPECT_EQ(hid_->SetInt32(pastTable, 0x0650, 1), 1);
-  EXPECT_EQ(log.countExact("Vexa_HID::SetInt32 error:1 : Error: VX_UVC_STATUS_UNKNOWN_ERROR", RKLOG_ERROR), 1u);
+  EXPECT_EQ(log.countExact("Vexa_HID::SetInt32 error:1 : Error: VX_UVC_STATUS_UNKNOWN_ERROR", RKLOG_ERROR),
+            1u);
   EXPECT_TRUE(hid_->IsAcquisitionEnabled(pastTable));
   // Zero and other registers leave it alone.
   EXPECT_EQ(hid_->SetInt32(cam_, 0x0650, 0), 0);
