@@ -78,6 +78,7 @@ TEST_F(UvcFacadeTest, OpenListsSizesAndFramesWithoutCallbackAreDroppedUntilOneIs
   EXPECT_TRUE(other.frames().empty());
 
   EXPECT_EQ(uvc.StopStreaming(6), 0);
+  EXPECT_EQ(uvc.frameCount, sink.frames().size()) << "every frame passed on is counted, dropped ones not";
   EXPECT_NE(capture_thread[6], nullptr) << "stop keeps the object";
   EXPECT_EQ(tqsim::openVideoNodes(id), 0);
   uvc.CloseStreaming(6);
