@@ -102,91 +102,70 @@ int __openat_2(int dirfd, const char* path, int flags);
 int __openat64_2(int dirfd, const char* path, int flags);
 }
 
+// The optional mode argument of the open family (read only when flags say it
+// was passed); a macro because va_start must run in the variadic function.
+#define TQSIM_MODE_ARGUMENT(mode, flags) \
+  mode_t mode = 0;                       \
+  if (needsMode(flags)) {                \
+    va_list args;                        \
+    va_start(args, flags);               \
+    mode = va_arg(args, mode_t);         \
+    va_end(args);                        \
+  }
+
+// Returns from the enclosing open-family function when the path is ours.
+#define TQSIM_OPEN_EMULATED(path, flags)               \
+  do {                                                 \
+    bool handled = false;                              \
+    const int fd = openEmulated(path, flags, handled); \
+    if (handled) return fd;                            \
+  } while (0)
+
 static_assert(sizeof(struct stat) == sizeof(struct stat64), "x86-64 has one stat layout");
 
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-  mode_t mode = 0;
-  if (needsMode(flags)) {
-    va_list args;
-    va_start(args, flags);
-    mode = va_arg(args, mode_t);
-    va_end(args);
-  }
-  bool handled = false;
-  const int fd = openEmulated(path, flags, handled);
-  if (handled) return fd;
+  TQSIM_MODE_ARGUMENT(mode, flags);
+  TQSIM_OPEN_EMULATED(path, flags);
   TQSIM_NEXT(open, int (*)(const char*, int, ...), path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
-  mode_t mode = 0;
-  if (needsMode(flags)) {
-    va_list args;
-    va_start(args, flags);
-    mode = va_arg(args, mode_t);
-    va_end(args);
-  }
-  bool handled = false;
-  const int fd = openEmulated(path, flags, handled);
-  if (handled) return fd;
+  TQSIM_MODE_ARGUMENT(mode, flags);
+  TQSIM_OPEN_EMULATED(path, flags);
   TQSIM_NEXT(open64, int (*)(const char*, int, ...), path, flags, mode);
 }
 
 int __open_2(const char* path, int flags) {
-  bool handled = false;
-  const int fd = openEmulated(path, flags, handled);
-  if (handled) return fd;
+  TQSIM_OPEN_EMULATED(path, flags);
   TQSIM_NEXT(__open_2, int (*)(const char*, int), path, flags);
 }
 
 int __open64_2(const char* path, int flags) {
-  bool handled = false;
-  const int fd = openEmulated(path, flags, handled);
-  if (handled) return fd;
+  TQSIM_OPEN_EMULATED(path, flags);
   TQSIM_NEXT(__open64_2, int (*)(const char*, int), path, flags);
 }
 
 int openat(int dirfd, const char* path, int flags, ...) {
-  mode_t mode = 0;
-  if (needsMode(flags)) {
-    va_list args;
-    va_start(args, flags);
-    mode = va_arg(args, mode_t);
-    va_end(args);
-  }
-  bool handled = false;
-  const int fd = openEmulated(path, flags, handled);  // absolute paths only: dirfd does not matter
-  if (handled) return fd;
+  TQSIM_MODE_ARGUMENT(mode, flags);
+  TQSIM_OPEN_EMULATED(path, flags);  // absolute paths only: dirfd does not matter
   TQSIM_NEXT(openat, int (*)(int, const char*, int, ...), dirfd, path, flags, mode);
 }
 
 int openat64(int dirfd, const char* path, int flags, ...) {
-  mode_t mode = 0;
-  if (needsMode(flags)) {
-    va_list args;
-    va_start(args, flags);
-    mode = va_arg(args, mode_t);
-    va_end(args);
-  }
-  bool handled = false;
-  const int fd = openEmulated(path, flags, handled);
-  if (handled) return fd;
+  TQSIM_MODE_ARGUMENT(mode, flags);
+  TQSIM_OPEN_EMULATED(path, flags);
   TQSIM_NEXT(openat64, int (*)(int, const char*, int, ...), dirfd, path, flags, mode);
 }
 
 int __openat_2(int dirfd, const char* path, int flags) {
-  bool handled = false;
-  const int fd = openEmulated(path, flags, handled);
-  if (handled) return fd;
+  TQSIM_OPEN_EMULATED(path, flags);
   TQSIM_NEXT(__openat_2, int (*)(int, const char*, int), dirfd, path, flags);
 }
 
 int __openat64_2(int dirfd, const char* path, int flags) {
-  bool handled = false;
-  const int fd = openEmulated(path, flags, handled);
-  if (handled) return fd;
+  TQSIM_OPEN_EMULATED(path, flags);
   TQSIM_NEXT(__openat64_2, int (*)(int, const char*, int), dirfd, path, flags);
 }
 
