@@ -26,6 +26,11 @@ std::array<uint8_t, 20> sha1Of(const std::vector<uint8_t>& data) {
 
 uint16_t address16(const uint8_t* report) { return static_cast<uint16_t>(report[3] | (report[4] << 8)); }
 
+// Whether the answer faults reach this command's answer.
+bool faultsHit(const HidFaults& faults, uint8_t command) {
+  return faults.onlyCommand < 0 || faults.onlyCommand == command;
+}
+
 }  // namespace
 
 Camera::Camera(CameraId id, CameraConfig config) : id_(id), config_(std::move(config)) {
@@ -87,10 +92,12 @@ bool Camera::isMetadataNode(const char* path) const {
 }
 
 std::vector<uint8_t> Camera::answerHeader(uint8_t command, uint8_t status) const {
+  const HidFaults& faults = config_.hidFaults;
+  const bool hit = faultsHit(faults, command);
   std::vector<uint8_t> report(kInputReportSize, 0);
   report[0] = 1;
-  report[1] = config_.hidFaults.wrongEcho >= 0 ? static_cast<uint8_t>(config_.hidFaults.wrongEcho) : command;
-  report[2] = config_.hidFaults.status != 0 ? config_.hidFaults.status : status;
+  report[1] = hit && faults.wrongEcho >= 0 ? static_cast<uint8_t>(faults.wrongEcho) : command;
+  report[2] = hit && faults.status != 0 ? faults.status : status;
   return report;
 }
 
@@ -101,13 +108,13 @@ std::vector<Answer> Camera::handle(const uint8_t* report, size_t length) {
 
   // Only report 1 carries commands; anything else is taken and ignored.
   if (length < 2 || report[0] != 1) return {};
-  if (config_.hidFaults.noAnswer) return {};
 
   // A shorter report than a command needs reads as zero data bytes, as the
   // device would see a zero-padded report.
   uint8_t padded[kInputReportSize] = {};
   std::memcpy(padded, report, std::min(length, sizeof padded));
   const uint8_t command = padded[1];
+  if (config_.hidFaults.noAnswer && faultsHit(config_.hidFaults, command)) return {};
 
   std::vector<uint8_t> answer;
   switch (command) {
@@ -167,7 +174,8 @@ std::vector<Answer> Camera::handle(const uint8_t* report, size_t length) {
       answer = answerHeader(command, kStatusInvalidCmdId);
       break;
   }
-  return {Answer{std::move(answer), std::chrono::milliseconds(config_.hidFaults.lateAnswerMs)}};
+  const uint32_t lateMs = faultsHit(config_.hidFaults, command) ? config_.hidFaults.lateAnswerMs : 0;
+  return {Answer{std::move(answer), std::chrono::milliseconds(lateMs)}};
 }
 
 bool Camera::featureRead(std::array<uint8_t, kFeatureReportSize>& out) const {

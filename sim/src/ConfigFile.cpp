@@ -368,6 +368,9 @@ bool parseConfigText(const std::string& text, const std::string& baseDir, const 
         c.hidFaults.status = static_cast<uint8_t>(number);
       } else if (fault == "feature-fails") {
         ok = parseBool(value, c.hidFaults.featureFails, why);
+      } else if (fault == "only-command") {
+        ok = parseInt(value, -1, 255, number, why);
+        c.hidFaults.onlyCommand = static_cast<int>(number);
       } else if (fault == "udev-fails") {
         ok = parseBool(value, c.udevFaults.fails, why);
       } else if (fault == "udev-garbage") {

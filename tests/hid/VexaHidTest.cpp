@@ -176,6 +176,24 @@ TEST_F(VexaHid, DownloadStopsAtATooSmallBufferOrAFailedRead) {
 
   setFaults([](tqsim::HidFaults& f) { f.featureFails = true; });
   EXPECT_EQ(hid_->ReadXML(cam_, buf.data(), 2000), -103);
+
+  // The size query is answered, the first chunk request refused: one request,
+  // both lines, and nothing copied.
+  setFaults([](tqsim::HidFaults& f) {
+    f.status = 7;
+    f.onlyCommand = 0x4E;
+  });
+  tqsim::clearReceivedReports(sim_);
+  EXPECT_EQ(hid_->ReadXML(cam_, buf.data(), 2000), -102);
+  EXPECT_EQ(tqsim::receivedReports(sim_),
+            (std::vector<Bytes>{{1, 0xC8, 0x10, 4, 0, 0}, {1, 0x4E, 0, 0, 0, 0xD0}}));
+  EXPECT_EQ(log.countExact("Vexa_HID::SetFunc command error:7 : Error: VX_UVC_STATUS_INVALID_CHUNK_ID",
+                           RKLOG_ERROR),
+            1u);
+  EXPECT_EQ(
+      log.countExact("Vexa_HID::ReadXML error: Error: VX_UVC_STATUS_INVALID_CHUNK_ID @SetFunc", RKLOG_ERROR),
+      1u);
+  EXPECT_EQ(std::string(buf.begin(), buf.end()), std::string(2000, '\x5A'));
 }
 
 TEST_F(VexaHid, ReadMemClampsToFiftyNineCharacters) {

@@ -52,6 +52,7 @@ struct HidFaults {
   int wrongEcho = -1;         // echo this code instead of the command's (-1: no fault)
   uint8_t status = 0;         // status byte of every answer (1..18; 0: success)
   bool featureFails = false;  // HIDIOCGFEATURE fails with EIO
+  int onlyCommand = -1;       // the answer faults hit only this command code (-1: every command)
 };
 
 struct UdevFaults {
