@@ -24,6 +24,16 @@ int xioctl(int fd, unsigned long request, void* arg) {
   return r;
 }
 
+// A zeroed description of driver buffer `index` of the capture queue.
+v4l2_buffer mmapBuffer(uint32_t index) {
+  v4l2_buffer buf;
+  memset(&buf, 0, sizeof(buf));
+  buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  buf.memory = V4L2_MEMORY_MMAP;
+  buf.index = index;
+  return buf;
+}
+
 }  // namespace
 
 CaptureThread::CaptureThread()
@@ -253,11 +263,7 @@ void* CaptureThread::ThreadRoutine() {
   mappedCount_ = count;
 
   for (uint32_t i = 0; i < count; ++i) {
-    v4l2_buffer buf;
-    memset(&buf, 0, sizeof(buf));
-    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buf.memory = V4L2_MEMORY_MMAP;
-    buf.index = i;
+    v4l2_buffer buf = mmapBuffer(i);
     xioctl(fd, VIDIOC_QUERYBUF, &buf);
     buffers[i].length = buf.length;
     void* start = v4l2_mmap(nullptr, buf.length, PROT_READ, MAP_SHARED, fd, buf.m.offset);
@@ -269,11 +275,7 @@ void* CaptureThread::ThreadRoutine() {
   }
 
   for (uint32_t i = 0; i < count; ++i) {
-    v4l2_buffer buf;
-    memset(&buf, 0, sizeof(buf));
-    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buf.memory = V4L2_MEMORY_MMAP;
-    buf.index = i;
+    v4l2_buffer buf = mmapBuffer(i);
     xioctl(fd, VIDIOC_QBUF, &buf);
   }
   v4l2_buf_type type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -308,18 +310,13 @@ void* CaptureThread::ThreadRoutine() {
       return nullptr;
     }
 
-    v4l2_buffer buf;
-    memset(&buf, 0, sizeof(buf));
-    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buf.memory = V4L2_MEMORY_MMAP;
+    v4l2_buffer buf = mmapBuffer(0);
     int retval = 0;
     if (xioctl(fd, VIDIOC_DQBUF, &buf) != 0) {
       int err = errno;
       LIBLog.Error("CaptureThread::ThreadRoutine: xioctl VIDIOC_DQBUF returned error: \"%s\" (errno:%d)\n",
                    strerror(err), err);
-      memset(&buf, 0, sizeof(buf));
-      buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-      buf.memory = V4L2_MEMORY_MMAP;
+      buf = mmapBuffer(0);
       retval = -1;
     }
     // A driver index outside the mapped set (or no buffers at all) is passed
