@@ -198,32 +198,40 @@ int Vexa_HID::GetFunc(uint8_t cam, uint16_t id, uint8_t* data, int len) {
   return 0;
 }
 
+int Vexa_HID::registerCommand(const char* name, uint8_t cam, uint8_t cmd, const uint8_t* request, uint8_t len,
+                              Answer& answer) {
+  auto sent = static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, cmd, request, len));
+  if (sent != 0) {
+    // A status left by the previous answer wins over the send result.
+    int status = currentStatus();
+    if (status != 0) {
+      LIBLog.Error("Vexa_HID::%s command error:%d : %s\n", name, status, text(DecodeError(status)));
+      return status;
+    }
+    LIBLog.Error("Vexa_HID::%s error:%d : %s\n", name, sent, text(DecodeError(sent)));
+    return sent;
+  }
+  if (!waitAnswer(answer)) {
+    LIBLog.Error("Vexa_HID::%s command error:%d : %s\n", name, HID_ERROR_TIMEOUT,
+                 text(DecodeError(HID_ERROR_TIMEOUT)));
+    return HID_ERROR_TIMEOUT;
+  }
+  if (answer.status != 0) {
+    LIBLog.Error("Vexa_HID::%s command error:%d : %s\n", name, answer.status,
+                 text(DecodeError(answer.status)));
+    return answer.status;
+  }
+  return 0;
+}
+
 int Vexa_HID::GetInt32(uint8_t cam, uint16_t adr, uint32_t* value) {
   LIBLog.Trace("Vexa_HID::GetInt32(%d) adr:%4.4x\n", cam, adr);
   expect(kCmdRead, 4);
   uint8_t request[6] = {static_cast<uint8_t>(nSeq), static_cast<uint8_t>(adr & 0xFF),
                         static_cast<uint8_t>(adr >> 8)};
-  auto sent = static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdRead, request, sizeof request));
-  if (sent != 0) {
-    int status = currentStatus();
-    if (status != 0) {
-      LIBLog.Error("Vexa_HID::GetInt32 command error:%d : %s\n", status, text(DecodeError(status)));
-      return status;
-    }
-    LIBLog.Error("Vexa_HID::GetInt32 error:%d : %s\n", sent, text(DecodeError(sent)));
-    return sent;
-  }
   Answer answer;
-  if (!waitAnswer(answer)) {
-    LIBLog.Error("Vexa_HID::GetInt32 command error:%d : %s\n", HID_ERROR_TIMEOUT,
-                 text(DecodeError(HID_ERROR_TIMEOUT)));
-    return HID_ERROR_TIMEOUT;
-  }
-  if (answer.status != 0) {
-    LIBLog.Error("Vexa_HID::GetInt32 command error:%d : %s\n", answer.status,
-                 text(DecodeError(answer.status)));
-    return answer.status;
-  }
+  const int rc = registerCommand("GetInt32", cam, kCmdRead, request, sizeof request, answer);
+  if (rc != 0) return rc;
   uint32_t v = static_cast<uint32_t>(answer.payload[1]) | static_cast<uint32_t>(answer.payload[2]) << 8 |
                static_cast<uint32_t>(answer.payload[3]) << 16 |
                static_cast<uint32_t>(answer.payload[4]) << 24;
@@ -244,27 +252,9 @@ int Vexa_HID::SetInt32(uint8_t cam, uint16_t adr, uint32_t value) {
                         static_cast<uint8_t>(adr >> 8),    static_cast<uint8_t>(value),
                         static_cast<uint8_t>(value >> 8),  static_cast<uint8_t>(value >> 16),
                         static_cast<uint8_t>(value >> 24), 0};
-  auto sent = static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdWrite, request, sizeof request));
-  if (sent != 0) {
-    int status = currentStatus();
-    if (status != 0) {
-      LIBLog.Error("Vexa_HID::SetInt32 command error:%d : %s\n", status, text(DecodeError(status)));
-      return status;
-    }
-    LIBLog.Error("Vexa_HID::SetInt32 error:%d : %s\n", sent, text(DecodeError(sent)));
-    return sent;
-  }
   Answer answer;
-  if (!waitAnswer(answer)) {
-    LIBLog.Error("Vexa_HID::SetInt32 command error:%d : %s\n", HID_ERROR_TIMEOUT,
-                 text(DecodeError(HID_ERROR_TIMEOUT)));
-    return HID_ERROR_TIMEOUT;
-  }
-  if (answer.status != 0) {
-    LIBLog.Error("Vexa_HID::SetInt32 command error:%d : %s\n", answer.status,
-                 text(DecodeError(answer.status)));
-    return answer.status;
-  }
+  const int rc = registerCommand("SetInt32", cam, kCmdWrite, request, sizeof request, answer);
+  if (rc != 0) return rc;
   return 0;
 }
 

@@ -78,6 +78,10 @@ class Vexa_HID {
   int currentStatus();
   // Waits up to 5 s; false on time-out. Fills `answer` either way.
   bool waitAnswer(Answer& answer);
+  // Sends a register command and waits for its answer, logging failures as
+  // "Vexa_HID::<name> ..."; returns 0, the status, the send result or -1.
+  int registerCommand(const char* name, uint8_t cam, uint8_t cmd, const uint8_t* request, uint8_t len,
+                      Answer& answer);
 
   uint8_t event[12];
   int bInitialized;
