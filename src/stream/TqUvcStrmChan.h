@@ -1,0 +1,70 @@
+// The device's stream channel: connects the camera's video function to the
+// client's buffers. Holds the data memory, the client's data callback and,
+// while streaming, the stream handler that copies each frame.
+#pragma once
+
+#include <rkosdep.h>
+#include <tq_uvc.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "control/TqUvcChannel.h"
+#include "stream/TqUvcDataMemory.h"
+
+class TqUvcStrmHandler;
+
+class TqUvcStrmChan : public TqUvcChannel {
+ public:
+  explicit TqUvcStrmChan(TqUvcDevice* owner);
+  // Does not stop or close: the device does that first.
+  ~TqUvcStrmChan() override;
+
+  uint32_t ReadConfiguration();
+  // 0, or 0x8FFF when refused (no device, control channel not connected,
+  // already open).
+  uint32_t Open(uint32_t arg0, uint32_t arg1);
+  uint32_t Close();
+  uint32_t RegisterDataCallback(TqUvcDataCallback callback, uint64_t context);
+  // The two steps of the buffer protocol, on the capture thread.
+  void LockData(uint32_t index, _tagTqUvcDataBlockInfo& info);
+  void NotifyData(uint32_t index, _tagTqUvcDataBlockInfo& info);
+  uint32_t StreamStart(uint32_t arg);
+  // 0x8FFF when not started.
+  uint32_t StreamStop(uint32_t arg);
+  uint32_t StreamLockTableAcquireDmaMutex();
+  uint32_t StreamLockTableReleaseDmaMutex();
+
+  TqUvcDataMemory& GetDataMemory() { return dataMemory; }
+  bool IsOpened() const { return opened != 0; }
+  bool IsStarted() const { return started != 0; }
+
+  // Geometry fixed at stream start, read by the handler on the capture thread.
+  uint32_t GetRoiWidth() const { return roiWidth; }
+  uint32_t GetRoiHeight() const { return roiHeight; }
+  uint32_t GetLineLength() const { return lineLength; }
+  uint32_t GetRoiOffsetX() const { return roiOffsetX; }
+  uint32_t GetRoiOffsetY() const { return roiOffsetY; }
+  uint32_t GetUvcWidth() const { return uvcWidth; }
+  uint32_t GetUvcHeight() const { return uvcHeight; }
+  uint32_t GetUvcLineBytes() const { return uvcLineBytes; }
+  uint32_t GetMinBufferSize() const { return minBufferSize; }
+  TqUvcStrmHandler* GetHandler() const { return handler.load(); }
+
+ private:
+  std::atomic<TqUvcDataCallback> dataCallback;
+  std::atomic<uint64_t> dataContext;
+  RkOsCriticalSection strmLock;  // "UVC:StrmLock"
+  // Read by LocalNewBufferCallBack on the capture thread.
+  std::atomic<TqUvcStrmHandler*> handler;
+  uint32_t minBufferSize;
+  uint32_t nBuffersAtStart;
+  uint32_t roiWidth, roiHeight, lineLength, roiOffsetX, roiOffsetY;
+  int uvcWidth, uvcHeight, uvcLineBytes;
+  uint32_t opened;
+  std::atomic<uint32_t> started;
+  uint32_t acquisitionTimeout;
+  uint32_t testCase;
+  TqUvcDataMemory dataMemory;
+  uint32_t handlerCount;
+};
