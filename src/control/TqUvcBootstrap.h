@@ -18,6 +18,12 @@ class TqUvcBootstrap {
   // 0, 0x8001 unsupported location, 0x8FFF unknown location or extension, or
   // a read status.
   uint32_t GetXMLFile(uint32_t which, uint8_t* out, uint32_t outSize, uint32_t flags);
+  // The second half of GetXMLFile: turns a location text ("local:name;address;
+  // size", "file:path", "http:...") into a local file path in out, downloading
+  // a "local:" file into the cache when it is not there yet. Same flags and
+  // results as GetXMLFile; a "local:" name that would leave the cache
+  // directory is refused with 0x8001.
+  uint32_t ResolveXMLLocation(const char* location, uint8_t* out, uint32_t outSize, uint32_t flags);
   // Downloads size bytes from address into the file at path: 0 or 0x8FFF.
   uint32_t LoadXMLFileFromCamera(uint8_t* path, uint32_t address, uint32_t size);
   // 0 with count 1, or 0x8001 with count 0.

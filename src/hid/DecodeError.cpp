@@ -103,7 +103,8 @@ std::string DecodeError(int code) {
   // One shared text, as callers have always seen it; the lock only keeps
   // concurrent callers from tearing it.
   static std::mutex lock;
-  static std::string text;
+  // Never destroyed: errors may still be decoded while the library unloads.
+  static std::string& text = *new std::string;
   std::lock_guard<std::mutex> guard(lock);
   if (code != 0) text = deviceStatusText(code);
   return text;

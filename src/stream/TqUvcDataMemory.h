@@ -12,7 +12,7 @@ class TqUvcDataMemory {
   TqUvcDataMemory();
 
   uint32_t CfgBuffers(uint64_t* table, uint32_t* sizes, uint32_t count);
-  // currFrame is a client uint32_t, possibly unaligned; written byte-wise.
+  // currFrame is a client uint32_t, possibly unaligned; written with memcpy.
   uint32_t CfgLockTable(uint32_t* lockTable, uint8_t* currFrame);
   // null zeroes the dimensions.
   uint32_t CfgBufferDim(_tagTqUvcBufDimension* dim);
@@ -31,7 +31,9 @@ class TqUvcDataMemory {
   const _tagTqUvcBufDimension& GetBufDimension() const { return bufDimension; }
 
  private:
-  void dumpLockTable(bool debugLevel) const;
+  // One relaxed read of lock-table word i (i < nBuffers).
+  uint32_t lockWord(uint32_t i) const;
+  void dumpLockTable() const;
 
   uint32_t currentIndex;
   uint32_t restartIndex;

@@ -51,6 +51,11 @@ class TqUvcStrmChan : public TqUvcChannel {
   uint32_t GetMinBufferSize() const { return minBufferSize; }
   TqUvcStrmHandler* GetHandler() const { return handler.load(); }
 
+  // Capture thread: hands one frame to the live handler, or drops it when the
+  // stream is not started. StreamStop waits for a frame in here before it
+  // deletes the handler.
+  void DeliverFrame(char* data, int size);
+
  private:
   std::atomic<TqUvcDataCallback> dataCallback;
   std::atomic<uint64_t> dataContext;
@@ -67,4 +72,9 @@ class TqUvcStrmChan : public TqUvcChannel {
   uint32_t testCase;
   TqUvcDataMemory dataMemory;
   uint32_t handlerCount;
+  // Frames inside DeliverFrame right now.
+  std::atomic<uint32_t> framesInFlight;
+
+  // Takes the handler out of reach of the capture thread and deletes it.
+  void deleteHandler();
 };

@@ -50,9 +50,8 @@ void TqUvcThread::Setup() {}
 int TqUvcThread::Stop(unsigned int timeoutMs) {
   if (!running_.load()) return 0;
 
-  keepRunning_ = 0;
   const uint32_t start = RkOsGetTickCount();
-  RkOsSetEvent(&exitEvent_);
+  RequestExit();
   const int result = RkOsWaitForThread(&thread_, timeoutMs);
   const uint32_t elapsed = RkOsGetTickCount() - start;
 
@@ -72,6 +71,15 @@ int TqUvcThread::Stop(unsigned int timeoutMs) {
 }
 
 bool TqUvcThread::ExitRequested() { return RkOsWaitForEvent(&exitEvent_, 0) == 0; }
+
+void TqUvcThread::RequestExit() {
+  keepRunning_ = 0;
+  RkOsSetEvent(&exitEvent_);
+}
+
+int TqUvcThread::WaitForExitEvent(uint32_t timeoutMs) { return RkOsWaitForEvent(&exitEvent_, timeoutMs); }
+
+void TqUvcThread::ResetExitEvent() { RkOsResetEvent(&exitEvent_); }
 
 int TqUvcThread::StartThread(void* arg) {
   if (running_.load()) return -1;

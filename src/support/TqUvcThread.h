@@ -32,6 +32,12 @@ class TqUvcThread {
   // True once Stop has signalled the exit event; polls without waiting.
   bool ExitRequested();
 
+  // Asks a running body to end: clears keep-running and signals the exit event,
+  // without waiting. Stop starts with it; an owner that started the body
+  // through the platform thread calls itself ends it with this and then waits
+  // for its thread.
+  void RequestExit();
+
   const char* Name() const { return name_; }
   bool IsRunning() const { return running_.load(); }
 
@@ -42,6 +48,11 @@ class TqUvcThread {
 
   // Cleared by Stop; bodies may poll it besides the exit event.
   bool KeepRunning() const { return keepRunning_.load() != 0; }
+
+  // For bodies that sleep on the exit event: 0 signalled, 1 time-out, -1 when
+  // the event is gone (after a Stop).
+  int WaitForExitEvent(uint32_t timeoutMs);
+  void ResetExitEvent();
 
  private:
   static void* threadMain(void* self);
