@@ -169,6 +169,7 @@ bool Vexa_HID::waitAnswer(Answer& answer) {
 }
 
 int Vexa_HID::GetFunc(uint8_t cam, uint16_t id, uint8_t* data, int len) {
+  std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::GetFunc()\n");
   expect(id, 3);
   uint8_t request[4] = {};
@@ -225,6 +226,7 @@ int Vexa_HID::registerCommand(const char* name, uint8_t cam, uint8_t cmd, const 
 }
 
 int Vexa_HID::GetInt32(uint8_t cam, uint16_t adr, uint32_t* value) {
+  std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::GetInt32(%d) adr:%4.4x\n", cam, adr);
   expect(kCmdRead, 4);
   uint8_t request[6] = {static_cast<uint8_t>(nSeq), static_cast<uint8_t>(adr & 0xFF),
@@ -241,6 +243,7 @@ int Vexa_HID::GetInt32(uint8_t cam, uint16_t adr, uint32_t* value) {
 }
 
 int Vexa_HID::SetInt32(uint8_t cam, uint16_t adr, uint32_t value) {
+  std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::SetInt32(%d) adr:%4.4x val:%4.4x\n", cam, adr, value);
   // Recorded before sending and kept even if the write fails.
   if (adr == kAcquisitionRegister && value != 0) {
@@ -259,6 +262,7 @@ int Vexa_HID::SetInt32(uint8_t cam, uint16_t adr, uint32_t value) {
 }
 
 int Vexa_HID::GetXMLSize(uint8_t cam, int* size) {
+  std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::GetXMLSize(%d)\n", cam);
   uint8_t data[8] = {kFileQuerySize, 4};
   int status = GetFunc(cam, kCmdFileQuery, data, 4);
@@ -275,6 +279,7 @@ int Vexa_HID::GetXMLSize(uint8_t cam, int* size) {
 }
 
 uint8_t Vexa_HID::GetXMLSHA(uint8_t cam, char* buf, int len) {
+  std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::GetXMLSHA(%d)\n", cam);
   uint8_t data[kReportSize] = {kFileQuerySha, kShaSize};
   int status = GetFunc(cam, kCmdFileQuery, data, kShaSize);
@@ -291,6 +296,7 @@ uint8_t Vexa_HID::GetXMLSHA(uint8_t cam, char* buf, int len) {
 }
 
 int Vexa_HID::ReadMem(uint8_t cam, int adr, char* buf, int len) {
+  std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::ReadMem(%d) adr:%4.4x\n", cam, adr);
   int n = len < kMemMax ? len : kMemMax;
   uint8_t data[kReportSize] = {0, static_cast<uint8_t>(adr & 0xFF), static_cast<uint8_t>((adr >> 8) & 0xFF)};
@@ -312,6 +318,7 @@ int Vexa_HID::ReadMem(uint8_t cam, int adr, char* buf, int len) {
 }
 
 int Vexa_HID::ReadXML(uint8_t cam, char* buf, int len) {
+  std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::ReadXML(%d)\n", cam);
   uint8_t request[8] = {kFileQuerySize, 4};
   int status = GetFunc(cam, kCmdFileQuery, request, 4);

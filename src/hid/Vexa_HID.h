@@ -1,13 +1,14 @@
 // The camera's vendor command protocol over HID, for every camera at once:
 // register reads and writes, identity strings, the description file (XML) and
-// camera memory. One command may be outstanding at a time across all cameras;
-// callers serialise their commands, this class does not.
+// camera memory. One answer slot serves every camera, so each command holds
+// the command lock from sending to the end of its answer wait.
 #pragma once
 
 #include <pthread.h>
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 class Vexa_HID {
  public:
@@ -99,4 +100,8 @@ class Vexa_HID {
   // between the commanding thread and the hidraw reader threads.
   pthread_cond_t cond;
   pthread_mutex_t mutex;
+  // One command at a time across all cameras (channels' request locks are per
+  // camera). Recursive: ReadXML and GetXMLSize run GetFunc inside it. Taken
+  // before `mutex`, never while holding it.
+  std::recursive_mutex commandLock;
 };

@@ -5,11 +5,11 @@
 
 #include <tq_uvc.h>
 
-class TqUvcDiscPkt {
+class TqUvcDiscPkt final {
  public:
   // With other: a copy of its whole record, marked copied. Without: zeroed.
   explicit TqUvcDiscPkt(TqUvcDiscPkt* other = nullptr);
-  // Not virtual: packets are never deleted through another type.
+  // Not virtual: the class is final, nothing derives from it.
   ~TqUvcDiscPkt();
   TqUvcDiscPkt(const TqUvcDiscPkt&) = delete;
   TqUvcDiscPkt& operator=(const TqUvcDiscPkt&) = delete;
