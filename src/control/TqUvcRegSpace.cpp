@@ -24,7 +24,9 @@ bool inHidRange(unsigned int address) { return address - kHidRangeStart <= kHidR
 
 // A byte of the version block, sign-extended; kept unsigned so the shift below
 // is defined for negative bytes too.
-uint32_t signExtended(char byte) { return static_cast<uint32_t>(static_cast<int32_t>(static_cast<int8_t>(byte))); }
+uint32_t signExtended(char byte) {
+  return static_cast<uint32_t>(static_cast<int32_t>(static_cast<int8_t>(byte)));
+}
 
 void readVersionText(int cam, char* buffer, int length) {
   char b[6] = {};
@@ -38,8 +40,8 @@ void readVersionText(int cam, char* buffer, int length) {
 
 }  // namespace
 
-int TqUvcReadReg4(unsigned int camIndex, unsigned int address, unsigned int* value, unsigned short /*requestId*/,
-                  unsigned int /*timeout*/) {
+int TqUvcReadReg4(unsigned int camIndex, unsigned int address, unsigned int* value,
+                  unsigned short /*requestId*/, unsigned int /*timeout*/) {
   LIBLog.Trace("  UvcReadReg4() Adr=%8.8x HIDCamIndex:%d", address, camIndex);
   rk::CLogIndent indent;
   if (address == kCapabilityRegister) {
@@ -67,21 +69,22 @@ int TqUvcReadReg4(unsigned int camIndex, unsigned int address, unsigned int* val
   return kUnhandled;
 }
 
-int TqUvcWriteReg4(unsigned int camIndex, unsigned int address, unsigned int value, unsigned short /*requestId*/,
-                   unsigned int /*timeout*/) {
+int TqUvcWriteReg4(unsigned int camIndex, unsigned int address, unsigned int value,
+                   unsigned short /*requestId*/, unsigned int /*timeout*/) {
   LIBLog.Trace("  TqUvcWriteReg4() Adr=%8.8x val=%8.8x HIDCamIndex:%d", address, value, camIndex);
   rk::CLogIndent indent;
   if (address == kWriteSink) return 0;
   if (inHidRange(address))
-    return TqUvcWriteInt32(static_cast<int>(camIndex), static_cast<int>(address & 0xFFFF), static_cast<int>(value));
+    return TqUvcWriteInt32(static_cast<int>(camIndex), static_cast<int>(address & 0xFFFF),
+                           static_cast<int>(value));
   LIBLog.Error("  TqUvcWriteReg4() unhandled Adr=%8.8x [HIDCamIndex:%d]", address, camIndex);
   return kUnhandled;
 }
 
 int TqUvcReadMem(unsigned int camIndex, unsigned int address, char* buffer, int length,
                  unsigned short& /*requestId*/, unsigned int /*timeout*/, unsigned int /*unused*/) {
-  LIBLog.Trace("  TqUvcReadMem() Adr=%8.8x Length=%8.8x HIDCamIndex:%d", address, static_cast<unsigned int>(length),
-               camIndex);
+  LIBLog.Trace("  TqUvcReadMem() Adr=%8.8x Length=%8.8x HIDCamIndex:%d", address,
+               static_cast<unsigned int>(length), camIndex);
   rk::CLogIndent indent;
   const int cam = static_cast<int>(camIndex);
   switch (address) {

@@ -181,7 +181,9 @@ int TqUvcOpenHidDevice(int index) {
   return vexa_hid != nullptr ? vexa_hid->Open(narrow(index), 0) : kNoCamera;
 }
 
-int TqUvcCloseHidDevice(int index) { return vexa_hid != nullptr ? vexa_hid->Close(narrow(index)) : kNoCamera; }
+int TqUvcCloseHidDevice(int index) {
+  return vexa_hid != nullptr ? vexa_hid->Close(narrow(index)) : kNoCamera;
+}
 
 bool TqUvcIsAcqEnabledHidDevice(int index) {
   return vexa_hid != nullptr && vexa_hid->IsAcquisitionEnabled(narrow(index));
@@ -237,13 +239,15 @@ void TqUvcGetStreamingFormat(int index, int* a, int* b, int* c) {
 int TqUvcStartAcquisition(int index) {
   if (vexa_ucv == nullptr) return kNotOpened;
   const int status = vexa_ucv->StartStreaming(narrow(index));
-  if (status != 0) LIBLog.Error("TqUvcStartAcquisition:: StartStreaming error = %s\n", DecodeError(status).c_str());
+  if (status != 0)
+    LIBLog.Error("TqUvcStartAcquisition:: StartStreaming error = %s\n", DecodeError(status).c_str());
   return status;
 }
 
 int TqUvcStopAcquisition(int index) {
   if (vexa_ucv == nullptr) return kNotOpened;
   const int status = vexa_ucv->StopStreaming(narrow(index));
-  if (status != 0) LIBLog.Error("TqUvcStopAcquisition:: StopStreaming error = %s\n", DecodeError(status).c_str());
+  if (status != 0)
+    LIBLog.Error("TqUvcStopAcquisition:: StopStreaming error = %s\n", DecodeError(status).c_str());
   return status;
 }

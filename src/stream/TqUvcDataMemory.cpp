@@ -45,7 +45,8 @@ uint32_t TqUvcDataMemory::CfgLockTable(uint32_t* table, uint8_t* frameWord) {
   if (table != nullptr && nBuffers > 0 && LIBLog.TraceEnabled()) {
     for (uint32_t i = 0; i < nBuffers; ++i) {
       const uint32_t word = __atomic_load_n(&table[i], __ATOMIC_RELAXED);
-      LIBLog.Trace("    %3d:=%.4d (0x%.08X)", static_cast<int>(i), static_cast<int>(word & 0x7FFFFFFFu), word);
+      LIBLog.Trace("    %3d:=%.4d (0x%.08X)", static_cast<int>(i), static_cast<int>(word & 0x7FFFFFFFu),
+                   word);
     }
   }
   lockTable = table;
@@ -93,7 +94,8 @@ void TqUvcDataMemory::dumpLockTable() const {
 uint32_t TqUvcDataMemory::GetNextBufferIndex() {
   if (nBuffers == 0) {
     // Nothing to choose from (and nothing to divide by).
-    LIBLog.Fatal("GetNextBufferIndex:: Fatal: index out of range (CurrIdx=%d)!\n", static_cast<int>(currentIndex));
+    LIBLog.Fatal("GetNextBufferIndex:: Fatal: index out of range (CurrIdx=%d)!\n",
+                 static_cast<int>(currentIndex));
     return currentIndex;
   }
   if (lockTable == nullptr) {
@@ -103,7 +105,8 @@ uint32_t TqUvcDataMemory::GetNextBufferIndex() {
 
   if (restartIndex == kNoRestart && currentIndex >= nBuffers) {
     // A ring word named a buffer that does not exist: its word is not read.
-    LIBLog.Fatal("GetNextBufferIndex:: Fatal: index out of range (CurrIdx=%d)!\n", static_cast<int>(currentIndex));
+    LIBLog.Fatal("GetNextBufferIndex:: Fatal: index out of range (CurrIdx=%d)!\n",
+                 static_cast<int>(currentIndex));
     return currentIndex;
   }
   if (restartIndex != kNoRestart) {
@@ -113,8 +116,8 @@ uint32_t TqUvcDataMemory::GetNextBufferIndex() {
   } else {
     const uint32_t word = lockWord(currentIndex);
     if (word != kLocked) {
-      LIBLog.Trace("GetNextBufferIndex:: NextBufferIndex: Curr %d -> Next %d\n", static_cast<int>(currentIndex),
-                   static_cast<int>(word));
+      LIBLog.Trace("GetNextBufferIndex:: NextBufferIndex: Curr %d -> Next %d\n",
+                   static_cast<int>(currentIndex), static_cast<int>(word));
       currentIndex = word;
     } else {
       LIBLog.Debug(
@@ -140,7 +143,8 @@ uint32_t TqUvcDataMemory::GetNextBufferIndex() {
   }
 
   if (currentIndex >= nBuffers) {
-    LIBLog.Fatal("GetNextBufferIndex:: Fatal: index out of range (CurrIdx=%d)!\n", static_cast<int>(currentIndex));
+    LIBLog.Fatal("GetNextBufferIndex:: Fatal: index out of range (CurrIdx=%d)!\n",
+                 static_cast<int>(currentIndex));
     return currentIndex;
   }
   const uint32_t word = lockWord(currentIndex);

@@ -11,6 +11,7 @@
 
 #include "control/TqUvcChannel.h"
 #include "stream/TqUvcDataMemory.h"
+#include "support/CLog.h"
 
 class TqUvcStrmHandler;
 
@@ -75,6 +76,9 @@ class TqUvcStrmChan : public TqUvcChannel {
   // Frames inside DeliverFrame right now.
   std::atomic<uint32_t> framesInFlight;
 
-  // Takes the handler out of reach of the capture thread and deletes it.
-  void deleteHandler();
+  // Takes the handler out of reach of the capture thread and hands it over
+  // for deletion once no frame is inside it.
+  TqUvcStrmHandler* takeHandler();
+  rk::CLog& log() const;
+  int camera() const;
 };

@@ -95,7 +95,8 @@ void TqUvcStrmSocketHandler::OnCallback(char* data, int size) {
   }
 
   channel->LockData(actualBufferIdx, blockInfo);
-  log.Trace("TqUvcStrmSocketHandler::OnCallback: LockData() ActualBufferIdx=%2d", static_cast<int>(actualBufferIdx));
+  log.Trace("TqUvcStrmSocketHandler::OnCallback: LockData() ActualBufferIdx=%2d",
+            static_cast<int>(actualBufferIdx));
 
   blockInfo.Incomplete = 0;
   blockInfo.DataSize = 0;
@@ -116,8 +117,8 @@ void TqUvcStrmSocketHandler::OnCallback(char* data, int size) {
   const uint32_t lineLength = channel->GetLineLength();
   const int uvcLineBytes = channel->GetUvcLineBytes();
   if (pBuf != nullptr && data != nullptr && size > 0 && roiHeight != 0 && lineLength != 0 && uvcLineBytes > 0)
-    copyLines(pBuf, memory.GetBufferSize(actualBufferIdx), reinterpret_cast<const uint8_t*>(data), size_t(size),
-              roiHeight, lineLength, size_t(uvcLineBytes));
+    copyLines(pBuf, memory.GetBufferSize(actualBufferIdx), reinterpret_cast<const uint8_t*>(data),
+              size_t(size), roiHeight, lineLength, size_t(uvcLineBytes));
   blockInfo.DataSize = roiHeight * lineLength;
 
   log.Trace("TqUvcStrmSocketHandler::OnCallback: NotifyData() ActualBufferIdx=%2d valid=%1d",
