@@ -139,7 +139,7 @@ uint32_t TqUvcDevice::GetDevInformation(_tagTqUvcDevInfo* Info) {
               "DevInfo.Size:%d)\n",
               static_cast<int>(size), static_cast<int>(devInfo.Size));
     std::memcpy(static_cast<void*>(Info), &devInfo, size);
-    if (size >= sizeof Info->Size) Info->Size = size;
+    Info->Size = size;
   }
   return 0;
 }
