@@ -32,8 +32,9 @@ static void onData(uint32_t index, uint32_t request, void* device, _tagTqUvcData
     if (!info->Valid) atomic_fetch_add(&incompleteFrames, 1);
     if (atomic_fetch_add(&framesSeen, 1) < 3)
       printf("  block %llu in buffer %u: %ux%u at %u,%u, %u bytes%s\n", (unsigned long long)info->BlockId,
-             (unsigned)info->BufferIdx, (unsigned)info->Width, (unsigned)info->Height, (unsigned)info->OffsetX,
-             (unsigned)info->OffsetY, (unsigned)info->DataSize, info->Valid ? "" : " (incomplete)");
+             (unsigned)info->BufferIdx, (unsigned)info->Width, (unsigned)info->Height,
+             (unsigned)info->OffsetX, (unsigned)info->OffsetY, (unsigned)info->DataSize,
+             info->Valid ? "" : " (incomplete)");
   }
   /* Done with the frame: hand the buffer back into the ring. */
   lockTable[index] = (index + 1) % NBUF;

@@ -36,50 +36,50 @@ extern "C" {
 /* What the library knows about one camera (648 bytes). Texts are fixed-width
  * and not necessarily terminated; readers force a zero into the last byte. */
 typedef struct _tagTqUvccpDiscData {
-  uint32_t UsbVersion;          /*   0 */
-  uint32_t Reserved0;           /*   4 */
-  uint32_t Vid;                 /*   8 */
-  uint32_t Pid;                 /*  12 */
-  uint32_t MI;                  /*  16 */
-  uint8_t Reserved1[12];        /*  20 */
-  uint32_t Copied;              /*  32: 1 when built as a copy */
-  uint32_t Reserved2;           /*  36 */
-  uint32_t HIDCamIndex;         /*  40 */
-  uint32_t AccessPrivilege;     /*  44: 1 while a handle holds the camera (shared by all handles) */
-  char ManfctName[32];          /*  48 */
-  char ModName[32];             /*  80 */
-  char DevVersion[32];          /* 112 */
-  uint8_t Reserved3[32];        /* 144 */
-  char ManfctSpecInf[48];       /* 176 */
-  char SerialNr[16];            /* 224 */
-  char Nickname[16];            /* 240 */
-  char InterfaceText[128];      /* 256 */
-  char InstanceID[128];         /* 384 */
-  char DevicePath[128];         /* 512 */
-  uint8_t Reserved4[8];         /* 640 */
+  uint32_t UsbVersion;      /*   0 */
+  uint32_t Reserved0;       /*   4 */
+  uint32_t Vid;             /*   8 */
+  uint32_t Pid;             /*  12 */
+  uint32_t MI;              /*  16 */
+  uint8_t Reserved1[12];    /*  20 */
+  uint32_t Copied;          /*  32: 1 when built as a copy */
+  uint32_t Reserved2;       /*  36 */
+  uint32_t HIDCamIndex;     /*  40 */
+  uint32_t AccessPrivilege; /*  44: 1 while a handle holds the camera (shared by all handles) */
+  char ManfctName[32];      /*  48 */
+  char ModName[32];         /*  80 */
+  char DevVersion[32];      /* 112 */
+  uint8_t Reserved3[32];    /* 144 */
+  char ManfctSpecInf[48];   /* 176 */
+  char SerialNr[16];        /* 224 */
+  char Nickname[16];        /* 240 */
+  char InterfaceText[128];  /* 256 */
+  char InstanceID[128];     /* 384 */
+  char DevicePath[128];     /* 512 */
+  uint8_t Reserved4[8];     /* 640 */
 } _tagTqUvccpDiscData;
 
 /* The public device record (320 bytes). Set Size to sizeof(_tagTqUvcDevInfo)
  * before passing it in; a smaller Size is filled only as far as it reaches. */
 typedef struct _tagTqUvcDevInfo {
-  uint32_t Size;           /*   0 */
-  uint32_t Flags;          /*   4: bit 0 location not reachable, bit 1 duplicate address */
-  uint32_t DevMode;        /*   8 */
-  uint32_t DevIndex;       /*  12: (handle - 1) & 255 */
-  char ManfctName[32];     /*  16 */
-  char ModName[32];        /*  48 */
-  char DevVersion[32];     /*  80 */
-  char ManfctSpecInf[48];  /* 112 */
-  char SerialNr[16];       /* 160 */
-  char Nickname[16];       /* 176 */
-  uint32_t Reserved0;      /* 192 */
-  uint32_t Vid;            /* 196 */
-  uint32_t Pid;            /* 200 */
-  uint32_t MI;             /* 204 */
-  uint32_t HIDCamIndex;    /* 208 */
-  uint8_t Reserved1[44];   /* 212 */
-  uint32_t UsbVersion;     /* 256 */
-  uint8_t Reserved2[60];   /* 260 */
+  uint32_t Size;          /*   0 */
+  uint32_t Flags;         /*   4: bit 0 location not reachable, bit 1 duplicate address */
+  uint32_t DevMode;       /*   8 */
+  uint32_t DevIndex;      /*  12: (handle - 1) & 255 */
+  char ManfctName[32];    /*  16 */
+  char ModName[32];       /*  48 */
+  char DevVersion[32];    /*  80 */
+  char ManfctSpecInf[48]; /* 112 */
+  char SerialNr[16];      /* 160 */
+  char Nickname[16];      /* 176 */
+  uint32_t Reserved0;     /* 192 */
+  uint32_t Vid;           /* 196 */
+  uint32_t Pid;           /* 200 */
+  uint32_t MI;            /* 204 */
+  uint32_t HIDCamIndex;   /* 208 */
+  uint8_t Reserved1[44];  /* 212 */
+  uint32_t UsbVersion;    /* 256 */
+  uint8_t Reserved2[60];  /* 260 */
 } _tagTqUvcDevInfo;
 
 /* Client buffer geometry (32 bytes); only LineIncrement is read. */
@@ -91,23 +91,23 @@ typedef struct _tagTqUvcBufDimension {
 /* Describes one filled buffer to the data callback (80 bytes, packed). */
 #pragma pack(push, 1)
 typedef struct _tagTqUvcDataBlockInfo {
-  uint32_t Flags;        /*  0 */
-  uint32_t BlockIdx;     /*  4 */
-  uint32_t BufferIdx;    /*  8: the buffer this block went into */
-  uint64_t BlockId;      /* 12: counts notifications from 1 */
-  uint32_t Incomplete;   /* 20: 1 when the frame had another size than expected */
-  uint32_t Valid;        /* 24: 1 when it had the expected size */
-  uint32_t LockStat;     /* 28: 1 lock requested, 2 notified */
-  uint64_t Reserved0;    /* 32 */
-  uint32_t DataSize;     /* 40: bytes written into the buffer */
-  uint8_t Reserved1[8];  /* 44 */
-  uint32_t Width;        /* 52 */
-  uint32_t Height;       /* 56 */
-  uint32_t OffsetX;      /* 60 */
-  uint32_t OffsetY;      /* 64 */
-  uint32_t Reserved2;    /* 68 */
-  uint32_t PixelFormat;  /* 72: 0x0210003B, YCbCr422_8 */
-  uint32_t Reserved3;    /* 76 */
+  uint32_t Flags;       /*  0 */
+  uint32_t BlockIdx;    /*  4 */
+  uint32_t BufferIdx;   /*  8: the buffer this block went into */
+  uint64_t BlockId;     /* 12: counts notifications from 1 */
+  uint32_t Incomplete;  /* 20: 1 when the frame had another size than expected */
+  uint32_t Valid;       /* 24: 1 when it had the expected size */
+  uint32_t LockStat;    /* 28: 1 lock requested, 2 notified */
+  uint64_t Reserved0;   /* 32 */
+  uint32_t DataSize;    /* 40: bytes written into the buffer */
+  uint8_t Reserved1[8]; /* 44 */
+  uint32_t Width;       /* 52 */
+  uint32_t Height;      /* 56 */
+  uint32_t OffsetX;     /* 60 */
+  uint32_t OffsetY;     /* 64 */
+  uint32_t Reserved2;   /* 68 */
+  uint32_t PixelFormat; /* 72: 0x0210003B, YCbCr422_8 */
+  uint32_t Reserved3;   /* 76 */
 } _tagTqUvcDataBlockInfo;
 #pragma pack(pop)
 
@@ -138,8 +138,8 @@ typedef void (*TqUvcDataCallback)(uint32_t bufferIndex, uint32_t request, void* 
                                   _tagTqUvcDataBlockInfo* info, uint64_t context);
 
 /* Message (event) callback; see _tagTqUvcEventInfo. */
-typedef void (*TqUvcMsgCallback)(_tagTqUvcEventInfo* info, unsigned char* data, uint32_t size,
-                                 void* context, uint64_t userParam);
+typedef void (*TqUvcMsgCallback)(_tagTqUvcEventInfo* info, unsigned char* data, uint32_t size, void* context,
+                                 uint64_t userParam);
 
 /* The layouts are part of the interface. */
 #ifdef __cplusplus
@@ -211,10 +211,10 @@ TQ_UVC_API uint32_t TqUvcGetNrManifestFile(uint64_t hDev, uint32_t* Count);
 /* Manifest entry 0: version, address, "local:" path of the description file
  * and its SHA-1 as 40 hex digits (Sha needs 41 bytes). Any pointer may be NULL
  * but Path and Sha not both. */
-TQ_UVC_API uint32_t TqUvcGetManifestFileData(uint64_t hDev, uint32_t Index, uint32_t* Version, uint32_t* Address,
-                                             uint8_t* Path, uint32_t PathSize, uint8_t* SecPath,
-                                             uint32_t SecPathSize, uint32_t* Data0, uint32_t* Data1,
-                                             uint8_t* Sha);
+TQ_UVC_API uint32_t TqUvcGetManifestFileData(uint64_t hDev, uint32_t Index, uint32_t* Version,
+                                             uint32_t* Address, uint8_t* Path, uint32_t PathSize,
+                                             uint8_t* SecPath, uint32_t SecPathSize, uint32_t* Data0,
+                                             uint32_t* Data1, uint8_t* Sha);
 /* Not supported by the camera: 0x8008. */
 TQ_UVC_API uint32_t TqUvcSetNickname(uint64_t hDev, uint8_t* Nickname);
 /* Device capabilities: always 0 for these cameras. */
@@ -231,7 +231,8 @@ TQ_UVC_API uint32_t TqUvcCfgMemory(uint64_t hDev, uint64_t Reserved, uint64_t* B
                                    uint32_t Count);
 /* The client's lock table (one word per buffer) and current-frame word (a
  * uint32_t the library writes the next buffer's index into); both may be NULL. */
-TQ_UVC_API uint32_t TqUvcCfgLockTable(uint64_t hDev, uint64_t Reserved, uint32_t* LockTable, uint8_t* CurrFrame);
+TQ_UVC_API uint32_t TqUvcCfgLockTable(uint64_t hDev, uint64_t Reserved, uint32_t* LockTable,
+                                      uint8_t* CurrFrame);
 TQ_UVC_API uint32_t TqUvcCfgBufferDim(uint64_t hDev, uint64_t Reserved, _tagTqUvcBufDimension* Dim);
 /* Starts and stops frame delivery into the configured buffers. */
 TQ_UVC_API uint32_t TqUvcStreamStart(uint64_t hDev, uint32_t Arg);

@@ -82,15 +82,18 @@ uint32_t onChannel(uint64_t hDev, Get&& get, Fn&& fn) {
 
 template <typename Fn>
 uint32_t onBootstrap(uint64_t hDev, Fn&& fn) {
-  return onChannel(hDev, [](TqUvcDevice& d) { return d.GetBootstrap(); }, fn);
+  return onChannel(
+      hDev, [](TqUvcDevice& d) { return d.GetBootstrap(); }, fn);
 }
 template <typename Fn>
 uint32_t onStrmChan(uint64_t hDev, Fn&& fn) {
-  return onChannel(hDev, [](TqUvcDevice& d) { return d.GetStrmChan(); }, fn);
+  return onChannel(
+      hDev, [](TqUvcDevice& d) { return d.GetStrmChan(); }, fn);
 }
 template <typename Fn>
 uint32_t onMsgChan(uint64_t hDev, Fn&& fn) {
-  return onChannel(hDev, [](TqUvcDevice& d) { return d.GetMsgChan(); }, fn);
+  return onChannel(
+      hDev, [](TqUvcDevice& d) { return d.GetMsgChan(); }, fn);
 }
 
 // The client's text as the log's format without arguments: "%%" prints one
@@ -146,7 +149,8 @@ uint32_t TqUvcTraceMsg(const char* Msg) {
 
 uint32_t TqUvcScanDevices(uint64_t /*Reserved*/, uint64_t UniCastScanAddr, uint64_t Timeout) {
   ApiEntry entry("TqUvcScanDevices");
-  if (UniCastScanAddr != 0) APILog.Trace("TqUvcScanDevices: UniCastScanAddr not supported, make anyway full rescan");
+  if (UniCastScanAddr != 0)
+    APILog.Trace("TqUvcScanDevices: UniCastScanAddr not supported, make anyway full rescan");
   TqUvcDevPool* pool = ThePool.load();
   if (pool == nullptr) return kControlFamilyMissing;
   return pool->ScanDevices(Timeout);
@@ -155,7 +159,8 @@ uint32_t TqUvcScanDevices(uint64_t /*Reserved*/, uint64_t UniCastScanAddr, uint6
 uint64_t TqUvcGetFirstPoolDev(uint64_t /*Reserved*/, _tagTqUvcDevInfo* Info) {
   // The record's size is read for the trace before anything else; a null
   // record answers "no device" instead.
-  APILog.Trace("TqUvcLibAPI::TqUvcGetFirstPoolDev() Info->Size:%d", Info != nullptr ? static_cast<int>(Info->Size) : 0);
+  APILog.Trace("TqUvcLibAPI::TqUvcGetFirstPoolDev() Info->Size:%d",
+               Info != nullptr ? static_cast<int>(Info->Size) : 0);
   CallIndent indent;
   TqUvcDevPool* pool = ThePool.load();
   if (pool == nullptr || Info == nullptr) return 0;
@@ -186,8 +191,8 @@ uint64_t TqUvcNextPoolDev(uint64_t hDev, uint64_t /*Reserved*/, _tagTqUvcDevInfo
 
 uint32_t TqUvcConnect(uint64_t hDev, uint32_t Privilege) {
   ApiEntry entry("TqUvcConnect");
-  const uint32_t ret = onCtrlChan(
-      hDev, [](TqUvcCtrlChan& c, TqUvcDevice& d) { return c.Connect(d.GetDiscData(), true); });
+  const uint32_t ret =
+      onCtrlChan(hDev, [](TqUvcCtrlChan& c, TqUvcDevice& d) { return c.Connect(d.GetDiscData(), true); });
   APILog.Trace(" TqUvcConnect(hDev=%d, Privilege=%d), Ret=0x%.08X", static_cast<int>(hDev),
                static_cast<int>(Privilege), ret);
   return ret;
@@ -195,8 +200,8 @@ uint32_t TqUvcConnect(uint64_t hDev, uint32_t Privilege) {
 
 uint32_t TqUvcDisconnect(uint64_t hDev) {
   ApiEntry entry("TqUvcDisconnect");
-  const uint32_t ret = onCtrlChan(
-      hDev, [](TqUvcCtrlChan& c, TqUvcDevice& d) { return c.Disconnect(d.GetDiscData(), true); });
+  const uint32_t ret =
+      onCtrlChan(hDev, [](TqUvcCtrlChan& c, TqUvcDevice& d) { return c.Disconnect(d.GetDiscData(), true); });
   APILog.Trace(" TqUvcDisconnect(hDev=%d), Ret=0x%.08X", static_cast<int>(hDev), ret);
   return ret;
 }
@@ -207,8 +212,8 @@ uint32_t TqUvcCheckConnectionStatus(uint64_t hDev, uint32_t* Status) {
 
 uint32_t TqUvcCheckAvailablity(uint64_t hDev, uint32_t* Available, uint8_t* Data, uint32_t Size) {
   ApiEntry entry("TqUvcCheckAvailablity");
-  return onCtrlChan(hDev,
-                    [&](TqUvcCtrlChan& c, TqUvcDevice&) { return c.CheckAvailability(Available, Data, Size); });
+  return onCtrlChan(
+      hDev, [&](TqUvcCtrlChan& c, TqUvcDevice&) { return c.CheckAvailability(Available, Data, Size); });
 }
 
 uint32_t TqUvcReadMem(uint64_t hDev, uint32_t Address, uint8_t* Buffer, uint32_t Length) {
@@ -216,7 +221,8 @@ uint32_t TqUvcReadMem(uint64_t hDev, uint32_t Address, uint8_t* Buffer, uint32_t
 }
 
 uint32_t TqUvcWriteMem(uint64_t hDev, uint32_t Address, uint8_t* Buffer, uint32_t Length) {
-  return onCtrlChan(hDev, [&](TqUvcCtrlChan& c, TqUvcDevice&) { return c.WriteMem(Address, Buffer, Length); });
+  return onCtrlChan(hDev,
+                    [&](TqUvcCtrlChan& c, TqUvcDevice&) { return c.WriteMem(Address, Buffer, Length); });
 }
 
 uint32_t TqUvcReadReg(uint64_t hDev, uint32_t Address, uint32_t* Value) {
@@ -224,7 +230,8 @@ uint32_t TqUvcReadReg(uint64_t hDev, uint32_t Address, uint32_t* Value) {
 }
 
 uint32_t TqUvcReadMultiReg(uint64_t hDev, uint32_t* Addresses, uint32_t* Values, uint32_t Count) {
-  return onCtrlChan(hDev, [&](TqUvcCtrlChan& c, TqUvcDevice&) { return c.ReadReg(Addresses, Values, Count); });
+  return onCtrlChan(hDev,
+                    [&](TqUvcCtrlChan& c, TqUvcDevice&) { return c.ReadReg(Addresses, Values, Count); });
 }
 
 uint32_t TqUvcWriteReg(uint64_t hDev, uint32_t Address, uint32_t Value) {
@@ -232,10 +239,12 @@ uint32_t TqUvcWriteReg(uint64_t hDev, uint32_t Address, uint32_t Value) {
 }
 
 uint32_t TqUvcWriteMuliReg(uint64_t hDev, uint32_t* Addresses, uint32_t* Values, uint32_t Count) {
-  return onCtrlChan(hDev, [&](TqUvcCtrlChan& c, TqUvcDevice&) { return c.WriteReg(Addresses, Values, Count); });
+  return onCtrlChan(hDev,
+                    [&](TqUvcCtrlChan& c, TqUvcDevice&) { return c.WriteReg(Addresses, Values, Count); });
 }
 
-uint32_t TqUvcGetXMLFile(uint64_t hDev, uint32_t Which, uint8_t* Buffer, uint32_t BufferSize, uint32_t Flags) {
+uint32_t TqUvcGetXMLFile(uint64_t hDev, uint32_t Which, uint8_t* Buffer, uint32_t BufferSize,
+                         uint32_t Flags) {
   ApiEntry entry("TqUvcGetXMLFile");
   return onBootstrap(hDev, [&](TqUvcBootstrap& b) { return b.GetXMLFile(Which, Buffer, BufferSize, Flags); });
 }
@@ -274,14 +283,17 @@ uint32_t TqUvcCloseStrmChan(uint64_t hDev) {
   return onStrmChan(hDev, [](TqUvcStrmChan& s) { return s.Close(); });
 }
 
-uint32_t TqUvcCfgMemory(uint64_t hDev, uint64_t /*Reserved*/, uint64_t* Buffers, uint32_t* Sizes, uint32_t Count) {
+uint32_t TqUvcCfgMemory(uint64_t hDev, uint64_t /*Reserved*/, uint64_t* Buffers, uint32_t* Sizes,
+                        uint32_t Count) {
   ApiEntry entry("TqUvcCfgMemory");
-  return onStrmChan(hDev, [&](TqUvcStrmChan& s) { return s.GetDataMemory().CfgBuffers(Buffers, Sizes, Count); });
+  return onStrmChan(hDev,
+                    [&](TqUvcStrmChan& s) { return s.GetDataMemory().CfgBuffers(Buffers, Sizes, Count); });
 }
 
 uint32_t TqUvcCfgLockTable(uint64_t hDev, uint64_t /*Reserved*/, uint32_t* LockTable, uint8_t* CurrFrame) {
   ApiEntry entry("TqUvcCfgLockTable");
-  return onStrmChan(hDev, [&](TqUvcStrmChan& s) { return s.GetDataMemory().CfgLockTable(LockTable, CurrFrame); });
+  return onStrmChan(hDev,
+                    [&](TqUvcStrmChan& s) { return s.GetDataMemory().CfgLockTable(LockTable, CurrFrame); });
 }
 
 uint32_t TqUvcCfgBufferDim(uint64_t hDev, uint64_t /*Reserved*/, _tagTqUvcBufDimension* Dim) {
@@ -336,7 +348,8 @@ uint32_t TqUvcCloseMsgChan(uint64_t hDev) {
   return onMsgChan(hDev, [](TqUvcMsgChan& m) { return m.Close(); });
 }
 
-uint32_t TqUvcRegisterMsgCallback(uint64_t hDev, TqUvcMsgCallback Callback, uint64_t Context, uint32_t Flags) {
+uint32_t TqUvcRegisterMsgCallback(uint64_t hDev, TqUvcMsgCallback Callback, uint64_t Context,
+                                  uint32_t Flags) {
   ApiEntry entry("TqUvcRegisterMsgCallback");
   return onMsgChan(hDev, [&](TqUvcMsgChan& m) { return m.RegisterMsgCallback(Callback, Context, Flags); });
 }

@@ -16,9 +16,9 @@ constexpr int kFirstModelIndex = 14;
 
 // Model names by the first two digits of the serial number (14 to 31).
 const char* const kModelNames[18] = {
-    "TQ-UC14 Mono",  "TQ-UC15 Color", "TQ-UC16 Mono",  "TQ-UC17 Color", "TQ-UC18 Mono",  "TQ-UC19 Color",
-    "TQ-UC20 Mono",  "TQ-UC21 Color", "TQ-UC22 Mono",  "TQ-UC23 Color", "TQ-UC24 Mono",  "TQ-UC25 Color",
-    "TQ-UC26 Mono",  "TQ-UC27 Color", "TQ-UC28 Mono",  "TQ-UC29 Color", "TQ-UC30 Mono",  "TQ-UC31 Color",
+    "TQ-UC14 Mono", "TQ-UC15 Color", "TQ-UC16 Mono", "TQ-UC17 Color", "TQ-UC18 Mono", "TQ-UC19 Color",
+    "TQ-UC20 Mono", "TQ-UC21 Color", "TQ-UC22 Mono", "TQ-UC23 Color", "TQ-UC24 Mono", "TQ-UC25 Color",
+    "TQ-UC26 Mono", "TQ-UC27 Color", "TQ-UC28 Mono", "TQ-UC29 Color", "TQ-UC30 Mono", "TQ-UC31 Color",
 };
 
 int modelIndex(const char* serial) {
@@ -76,7 +76,8 @@ uint32_t TqUvcDevPoolNode::Add(TqUvcDiscPkt* pkt) {
   TqUvcDevPoolNode* last = this;
   for (TqUvcDevPoolNode* node = this; node != nullptr; node = node->next) {
     if (node->device.HandleKnownDevice(pkt)) {
-      PoolLog.Trace("TqUvcDevPoolNode::Add() Already in device list, no need to add (SN:%s)\n", pkt->GetSerialNr());
+      PoolLog.Trace("TqUvcDevPoolNode::Add() Already in device list, no need to add (SN:%s)\n",
+                    pkt->GetSerialNr());
       node->present = 1;
       return 0;
     }

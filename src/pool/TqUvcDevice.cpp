@@ -105,8 +105,8 @@ uint32_t TqUvcDevice::UpdateDevInfo(TqUvcDiscPkt* pkt) {
     return 0x8FFF;
   }
   if (pkt->GetVid() != devInfo.Vid || pkt->GetPid() != devInfo.Pid)
-    log.Debug("TqUvcDevice::Update() DevInfo: Vid.Pid changed from: %4.4x.%4.4x to: %4.4x.%4.4x\n", devInfo.Vid,
-              devInfo.Pid, pkt->GetVid(), pkt->GetPid());
+    log.Debug("TqUvcDevice::Update() DevInfo: Vid.Pid changed from: %4.4x.%4.4x to: %4.4x.%4.4x\n",
+              devInfo.Vid, devInfo.Pid, pkt->GetVid(), pkt->GetPid());
   const _tagTqUvccpDiscData& d = *pkt->GetDiscData();
   devInfo = _tagTqUvcDevInfo{};
   devInfo.Size = kDevInfoSize;
@@ -135,9 +135,10 @@ uint32_t TqUvcDevice::GetDevInformation(_tagTqUvcDevInfo* Info) {
     std::memset(static_cast<void*>(Info), 0, size);
     std::memcpy(static_cast<void*>(Info), &devInfo, kDevInfoSize);
   } else {
-    log.Debug("GetDevInformation: Structure too small, can not fill all information (Info->Size:%d, "
-              "DevInfo.Size:%d)\n",
-              static_cast<int>(size), static_cast<int>(devInfo.Size));
+    log.Debug(
+        "GetDevInformation: Structure too small, can not fill all information (Info->Size:%d, "
+        "DevInfo.Size:%d)\n",
+        static_cast<int>(size), static_cast<int>(devInfo.Size));
     std::memcpy(static_cast<void*>(Info), &devInfo, size);
     Info->Size = size;
   }

@@ -37,8 +37,8 @@ int TqUvcDiscPkt::ItsMe(TqUvcDiscPkt* other) {
   const char* theirs = other->GetSerialNr();
   const char* mine = GetSerialNr();
   if (std::strncmp(theirs, mine, sizeof data_.SerialNr) != 0) return 0;
-  Log.Trace("TqUvcDiscPkt::ItsMe[%s] cam:Vid.Pid:%4.4x.%4.4x ID:\"%s\" me:Vid.Pid:%4.4x.%4.4x ID:\"%s\"\n", "yes",
-            other->data_.Vid, other->data_.Pid, theirs, data_.Vid, data_.Pid, mine);
+  Log.Trace("TqUvcDiscPkt::ItsMe[%s] cam:Vid.Pid:%4.4x.%4.4x ID:\"%s\" me:Vid.Pid:%4.4x.%4.4x ID:\"%s\"\n",
+            "yes", other->data_.Vid, other->data_.Pid, theirs, data_.Vid, data_.Pid, mine);
   return 1;
 }
 
@@ -84,8 +84,10 @@ void TqUvcDiscPkt::LogDifferences(TqUvcDiscPkt* other) {
       {"  ModName        \"%s\"   \"%s\"\n", GetModelName(), other->GetModelName()},
       {"  DevVersion     \"%s\"   \"%s\"\n", GetDevVersion(), other->GetDevVersion()},
       {"  ManfctSpecInf: \"%s\"   \"%s\"\n", GetManfctSpecInf(), other->GetManfctSpecInf()},
-      {"  InstanceID:    \"%s\"   \"%s\"\n", terminated(data_.InstanceID), terminated(other->data_.InstanceID)},
-      {"  DevicePath:    \"%s\"   \"%s\"\n", terminated(data_.DevicePath), terminated(other->data_.DevicePath)},
+      {"  InstanceID:    \"%s\"   \"%s\"\n", terminated(data_.InstanceID),
+       terminated(other->data_.InstanceID)},
+      {"  DevicePath:    \"%s\"   \"%s\"\n", terminated(data_.DevicePath),
+       terminated(other->data_.DevicePath)},
   };
   for (const auto& t : texts)
     if (std::strcmp(t.mine, t.theirs) != 0) Log.Info(t.format, t.mine, t.theirs);
@@ -94,6 +96,5 @@ void TqUvcDiscPkt::LogDifferences(TqUvcDiscPkt* other) {
   if (data_.Vid != other->data_.Vid) Log.Info("  Vid:           %04X  %04X\n", data_.Vid, other->data_.Vid);
   if (data_.Pid != other->data_.Pid) Log.Info("  Pid:           %04X  %04X\n", data_.Pid, other->data_.Pid);
   if (data_.MI != other->data_.MI) Log.Info("  MI:            %04X  %04X\n", data_.MI, other->data_.MI);
-  Log.Info(
-      "TqUvcDiscPkt::DumpPktToLog :: --- End Differences in Discovery Packet -----------------------\n");
+  Log.Info("TqUvcDiscPkt::DumpPktToLog :: --- End Differences in Discovery Packet -----------------------\n");
 }

@@ -217,9 +217,10 @@ TEST_F(ApiTest, RegistersMemoryDescriptionFileAndManifest) {
   uint32_t address = 0;
   char path[256] = {};
   char sha[41] = {};
-  ASSERT_EQ(TqUvcGetManifestFileData(h, 0, &manifestVersion, &address, reinterpret_cast<uint8_t*>(path),
-                                     sizeof path, nullptr, 0, nullptr, nullptr, reinterpret_cast<uint8_t*>(sha)),
-            0u);
+  ASSERT_EQ(
+      TqUvcGetManifestFileData(h, 0, &manifestVersion, &address, reinterpret_cast<uint8_t*>(path),
+                               sizeof path, nullptr, 0, nullptr, nullptr, reinterpret_cast<uint8_t*>(sha)),
+      0u);
   std::string hex;
   char digits[3];
   for (uint8_t b : tqsim::xmlSha1(id)) {
