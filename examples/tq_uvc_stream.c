@@ -4,6 +4,8 @@
  * back, stop, disconnect.
  *
  *   tq_uvc_stream [frames]     (default 10; exit status 0 when all arrived) */
+#define _POSIX_C_SOURCE 200809L /* clock_gettime, nanosleep */
+
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
