@@ -108,7 +108,8 @@ uint32_t TqUvcBootstrap::ResolveXMLLocation(const char* location, uint8_t* out, 
               static_cast<int>(rounded));
 
     if (leavesCacheDirectory(name)) {
-      log.Error("GetXMLFile: Error, XML file name \"%s\" leaves the cache directory, refused\n", name.c_str());
+      log.Error("GetXMLFile: Error, XML file name \"%s\" leaves the cache directory, refused\n",
+                name.c_str());
       return 0x8001;
     }
     std::snprintf(fullPath, sizeof(fullPath), "%s%s", RkOsGetCorvaleXmlCachePath(1), name.c_str());
@@ -169,7 +170,8 @@ uint32_t TqUvcBootstrap::LoadXMLFileFromCamera(uint8_t* path, uint32_t address, 
   std::unique_ptr<uint8_t[]> data;
   if (size <= static_cast<uint32_t>(INT_MAX)) data.reset(new (std::nothrow) uint8_t[size]());
   if (!data) {
-    log.Error("LoadXMLFileFromCamera: Could not allocate memory for XML data (s=%d)\n", static_cast<int>(size));
+    log.Error("LoadXMLFileFromCamera: Could not allocate memory for XML data (s=%d)\n",
+              static_cast<int>(size));
     return 0x8FFF;
   }
 
@@ -263,8 +265,9 @@ uint32_t TqUvcBootstrap::GetManifestFileData(uint32_t which, uint32_t* version, 
                   model.c_str(), 1U, 0U, 5U, std::strlen(shaText) == 40 ? shaText : "nohash", "xml",
                   static_cast<uint32_t>(xmlAddress), static_cast<uint32_t>(xmlSize));
     copyOut(path, pathSize, manifestPath);
-    log.Trace("TqUvcBootstrap::GetManifestFileData: supply for manifest entryNr:%d : Path:\"%s\" [nXmlLength:%d]\n",
-              static_cast<int>(which), manifestPath, xmlSize);
+    log.Trace(
+        "TqUvcBootstrap::GetManifestFileData: supply for manifest entryNr:%d : Path:\"%s\" [nXmlLength:%d]\n",
+        static_cast<int>(which), manifestPath, xmlSize);
   }
   if (secPath != nullptr) {
     copyOut(secPath, secPathSize, "");
@@ -317,7 +320,8 @@ uint32_t TqUvcBootstrap::SetNick(uint8_t* nick) {
   if (device == nullptr) return 0x8FFF;
   device->GetLog().Info("TqUvcBootstrap::SetNick()\n");
   uint8_t buffer[16] = {};
-  if (nick != nullptr) rk::SafeStrCpy(reinterpret_cast<char*>(buffer), reinterpret_cast<const char*>(nick), sizeof(buffer));
+  if (nick != nullptr)
+    rk::SafeStrCpy(reinterpret_cast<char*>(buffer), reinterpret_cast<const char*>(nick), sizeof(buffer));
   TqUvcCtrlChan* ctrl = device->GetCtrlChan();
   if (ctrl == nullptr) return 0x8FFF;
   // The control channel has no block write, so this is refused (0x8008).

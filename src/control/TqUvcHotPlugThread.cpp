@@ -72,7 +72,8 @@ int TqUvcHotPlugThread::Execute(void* arg) {
             break;
           }
           chan->CheckAvailability(&available);
-          if (!silent) log.Debug("TqUvcHotPlugThread Device available:%s (try:%d)", yesNo(available), attempt);
+          if (!silent)
+            log.Debug("TqUvcHotPlugThread Device available:%s (try:%d)", yesNo(available), attempt);
         }
         if (available == 0 && !exitDuringCheck) RkOsSleep(kRetrySleepMs);
       }

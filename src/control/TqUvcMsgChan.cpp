@@ -94,7 +94,8 @@ uint32_t TqUvcMsgChan::DisableEvents() {
     return status;
   }
   if (readBack != wanted) {
-    log.Debug("Error setting ADR_EIRM_CONTROL register to: 0x%4.4x (it remained on: 0x%4.4x)", wanted, readBack);
+    log.Debug("Error setting ADR_EIRM_CONTROL register to: 0x%4.4x (it remained on: 0x%4.4x)", wanted,
+              readBack);
     return static_cast<uint32_t>(-2);
   }
   return 0;

@@ -37,5 +37,5 @@ class TqUvcMsgChan : public TqUvcChannel {
   RkOsCriticalSection lock;  // "UVC:MsgLock"
   uint32_t eirmControlAddress;
   uint32_t cancelRequested;
-  uint32_t reserved;
+  [[maybe_unused]] uint32_t reserved;  // 0xFFFFFF, kept for the layout; nothing reads it
 };

@@ -217,11 +217,20 @@ uint32_t TqUvcStrmChan::StreamStart(uint32_t) {
       }
       // The channel creates no other kind of handler.
       _tagTqUvcDataBlockInfo& info = static_cast<TqUvcStrmSocketHandler*>(current)->BlockInfo();
-      info = _tagTqUvcDataBlockInfo{};
       info.Flags = 1;
+      info.BlockIdx = 0;
+      info.BufferIdx = 0;
+      info.BlockId = 0;
+      info.Incomplete = 0;
       info.Valid = 1;
+      info.LockStat = 0;
+      info.Reserved0 = 0;
+      info.DataSize = 0;
       info.Width = 1280;
       info.Height = 1024;
+      info.OffsetX = 0;
+      info.OffsetY = 0;
+      info.Reserved2 = 0;
       info.PixelFormat = kPixelFormatYCbCr422;
       info.Reserved3 = 1024;
       handler.store(current);

@@ -51,13 +51,14 @@ class TqUvcStrmSocketHandler : public TqUvcStrmHandler {
   _tagTqUvcDataBlockInfo& BlockInfo() { return blockInfo; }
 
  private:
-  uint32_t count;
+  // Kept for the handler's layout; nothing reads them.
+  [[maybe_unused]] uint32_t count;
   TqUvcDevice* device;
   uint32_t actualBufferIdx;
-  uint32_t unusedIndex;
+  [[maybe_unused]] uint32_t unusedIndex;
   RkOsCriticalSection dmaMutex;  // "UVC:Dma"
   _tagTqUvcDataBlockInfo blockInfo;
-  uint8_t flag;
+  [[maybe_unused]] uint8_t flag;
 };
 
 // The camera's new-buffer callback; context is the TqUvcDevice. Drops the

@@ -40,7 +40,7 @@ class TempDirEnvironment : public ::testing::Environment {
   }
 };
 
-const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new TempDirEnvironment);
+[[maybe_unused]] const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new TempDirEnvironment);
 
 }  // namespace
 

@@ -36,7 +36,8 @@ TEST_F(AccessLayerTest, CursorHandsOutEachLinkedCameraOnce) {
 
   std::vector<int> seen;
   int index = -1;
-  for (int rc = TqUvcGetFirstHidDevice(&index); rc == 0; rc = TqUvcGetNextHidDevice(&index)) seen.push_back(index);
+  for (int rc = TqUvcGetFirstHidDevice(&index); rc == 0; rc = TqUvcGetNextHidDevice(&index))
+    seen.push_back(index);
   ASSERT_EQ(seen.size(), 2U);
   EXPECT_LT(seen[0], seen[1]);
   EXPECT_EQ(nrCam, 2);

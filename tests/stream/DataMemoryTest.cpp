@@ -65,16 +65,18 @@ INSTANTIATE_TEST_SUITE_P(
                       3,
                       {0, 0},
                       0,
-                      "GetNextBufferIndex:: Fatal: cannot find a free entry! Keep current idx!\n"},
+                      "GetNextBufferIndex:: Fatal: cannot find a free entry! Keep current idx!"},
         NextIndexCase{"one locked buffer", {L}, 1, {0}, 0, "cannot find a free entry! Keep current idx!"},
         NextIndexCase{"ring word out of range",
                       {7, 2, 3, 0},
                       4,
                       {7, 7},
                       7,
-                      "GetNextBufferIndex:: Fatal: index out of range (CurrIdx=7)!\n"},
-        NextIndexCase{"next buffer locked", {1, L}, 2, {1}, 1, "new index points to a locked buffer (CurrIdx=1)!"},
-        NextIndexCase{"next word unknown", {1, 9}, 2, {1}, 1, "new index points to a unknown buffer (CurrIdx=1)!"},
+                      "GetNextBufferIndex:: Fatal: index out of range (CurrIdx=7)!"},
+        NextIndexCase{
+            "next buffer locked", {1, L}, 2, {1}, 1, "new index points to a locked buffer (CurrIdx=1)!"},
+        NextIndexCase{
+            "next word unknown", {1, 9}, 2, {1}, 1, "new index points to a unknown buffer (CurrIdx=1)!"},
         NextIndexCase{"no lock table", {}, 3, {1, 2, 0, 1}, kUntouched, nullptr},
         NextIndexCase{"no buffers", {}, 0, {0, 0}, kUntouched, "index out of range (CurrIdx=0)"},
         NextIndexCase{"no buffers, lock table", {0}, 0, {0}, kUntouched, "index out of range (CurrIdx=0)"}),
@@ -84,28 +86,6 @@ INSTANTIATE_TEST_SUITE_P(
         if (!isalnum(static_cast<unsigned char>(ch))) ch = '_';
       return name;
     });
-
-TEST(DataMemory, LockedCurrentBufferLogsTheSearchAndTheFind) {
-  std::vector<uint64_t> addresses = {1, 2, 3};
-  std::vector<uint32_t> sizes = {8, 8, 8};
-  std::vector<uint32_t> table = {L, L, 0};
-  uint32_t frameWord = 0;
-  TqUvcDataMemory memory;
-  memory.CfgBuffers(addresses.data(), sizes.data(), 3);
-  memory.CfgLockTable(table.data(), reinterpret_cast<uint8_t*>(&frameWord));
-  tqtest::LogCapture log;
-  EXPECT_EQ(memory.GetNextBufferIndex(), 2u);
-  EXPECT_EQ(log.countExact(
-                "GetNextBufferIndex:: CurrIndex (0) points to a locked buffer! (0x80000000). Have to search next "
-                "free buffer",
-                RKLOG_DEBUG),
-            1u);
-  EXPECT_EQ(log.countExact("    2:=0000 (0x00000000)", RKLOG_DEBUG), 1u);
-  EXPECT_EQ(log.countExact("    0:=0000 (0x80000000)", RKLOG_DEBUG), 1u);
-  EXPECT_EQ(log.countExact("GetNextBufferIndex:: free entry was found! (CurrIndex=0, freeIndex=2)", RKLOG_DEBUG),
-            1u);
-  EXPECT_EQ(frameWord, 2u);
-}
 
 TEST(DataMemory, BufferLookupsAreBoundedAndDestroyForgetsTheTablesButNotTheIndex) {
   std::vector<uint64_t> addresses = {0x1000, 0x2000};
@@ -139,29 +119,6 @@ TEST(DataMemory, BufferLookupsAreBoundedAndDestroyForgetsTheTablesButNotTheIndex
   EXPECT_EQ(memory.GetNrFreeBuffer(), 0u);
   EXPECT_EQ(memory.GetBufDimension().LineIncrement, 0u);
   EXPECT_EQ(memory.CfgBufferDim(nullptr), 0u);
-}
-
-TEST(DataMemory, ConfigurationIsLogged) {
-  std::vector<uint64_t> addresses = {0x12345678, 0x9ABC};
-  std::vector<uint32_t> sizes = {100, 50};
-  std::vector<uint32_t> table = {1, L};
-  tqtest::LogCapture log;
-  TqUvcDataMemory memory;
-  memory.CfgBuffers(addresses.data(), sizes.data(), 2);
-  memory.CfgLockTable(table.data(), nullptr);
-  _tagTqUvcBufDimension dim{};
-  dim.LineIncrement = 16;
-  memory.CfgBufferDim(&dim);
-  EXPECT_EQ(log.countExact("    0:=0x12345678 (100 bytes)", RKLOG_DEBUG), 1u);
-  EXPECT_EQ(log.countExact("    1:=0x00009ABC (50 bytes)", RKLOG_DEBUG), 1u);
-  EXPECT_EQ(log.countExact("    0:=0001 (0x00000001)", RKLOG_TRACE), 1u);
-  EXPECT_EQ(log.countExact("    1:=0000 (0x80000000)", RKLOG_TRACE), 1u);
-  EXPECT_EQ(log.countExact("     LineIncrement:   0x00000010 (16)", RKLOG_DEBUG), 1u);
-  log.clear();
-  memory.Destroy();
-  EXPECT_EQ(log.countExact("TqUvcDataMemory::CfgBuffers: Config Buffers Table=0x00000000, NrBuf=0", RKLOG_DEBUG),
-            1u);
-  EXPECT_EQ(log.countExact("Config Lock Table=0x00000000, CurrFrame=0x00000000", RKLOG_TRACE), 1u);
 }
 
 }  // namespace
