@@ -294,59 +294,49 @@ void TqUvcCtrlChan::CheckSevereError(uint32_t status) {
   }
 }
 
-uint32_t TqUvcCtrlChan::ReadReg(uint32_t address, uint32_t* value) {
-  if (value == nullptr || linked == 0) return kRefused;
+template <typename Call>
+uint32_t TqUvcCtrlChan::request(const char* busyFormat, const char* errorFormat, uint32_t address,
+                                Call&& call) {
   rk::CLog& log = device->GetLog();
-  const uint32_t cam = device->GetDiscData()->HIDCamIndex;
   RkOsEnterCriticalSection(&requestLock);
-  auto status = static_cast<uint32_t>(TqUvcReadReg4(cam, address, value, nextRequestId(), timeout));
-  if (status == kOk) {
-    RkOsLeaveCriticalSection(&requestLock);
-    return kOk;
-  }
-  // Each retry enters the request lock again without leaving it; only one
-  // leave follows, so a retried request keeps the lock entered by this thread.
-  for (uint32_t remaining = kBusyTries; (status & 0xFFFF) == kBusy; --remaining) {
-    log.Debug("TqUvcCtrlChan::ReadReg device is busy: 0x%4.4x (return code=0x%4.4x, try another write (%d))",
-              address, kBusy, static_cast<int>(remaining));
+  uint32_t entered = 1;
+  uint32_t status = call(nextRequestId());
+  // Each busy retry enters the request lock again without leaving it first.
+  for (uint32_t remaining = kBusyTries; status != kOk && (status & 0xFFFF) == kBusy; --remaining) {
+    log.Debug(busyFormat, address, kBusy, static_cast<int>(remaining));
     RkOsSleep(kBusyPauseMs);
     if (remaining == 1) return status;  // exhausted: the request lock stays held
     RkOsEnterCriticalSection(&requestLock);
-    status = static_cast<uint32_t>(TqUvcReadReg4(cam, address, value, nextRequestId(), timeout));
+    ++entered;
+    status = call(nextRequestId());
   }
   if (status != kOk) {
-    log.Debug("TqUvcCtrlChan::ReadReg error reading from adr: 0x%4.4x", address);
+    log.Debug(errorFormat, address);
     CheckSevereError(status);
   }
-  RkOsLeaveCriticalSection(&requestLock);
+  // Every entry is left again, so that a request that was retried does not
+  // shut the channel's other threads out for good.
+  while (entered-- > 0) RkOsLeaveCriticalSection(&requestLock);
   return status;
+}
+
+uint32_t TqUvcCtrlChan::ReadReg(uint32_t address, uint32_t* value) {
+  if (value == nullptr || linked == 0) return kRefused;
+  const uint32_t cam = device->GetDiscData()->HIDCamIndex;
+  return request(
+      "TqUvcCtrlChan::ReadReg device is busy: 0x%4.4x (return code=0x%4.4x, try another write (%d))",
+      "TqUvcCtrlChan::ReadReg error reading from adr: 0x%4.4x", address,
+      [&](uint16_t id) { return static_cast<uint32_t>(TqUvcReadReg4(cam, address, value, id, timeout)); });
 }
 
 uint32_t TqUvcCtrlChan::WriteReg(uint32_t address, uint32_t value) {
   // Writes need a connection, reads only a link.
   if (connected == 0 || linked == 0) return kRefused;
-  rk::CLog& log = device->GetLog();
   const uint32_t cam = device->GetDiscData()->HIDCamIndex;
-  RkOsEnterCriticalSection(&requestLock);
-  auto status = static_cast<uint32_t>(TqUvcWriteReg4(cam, address, value, nextRequestId(), timeout));
-  if (status == kOk) {
-    RkOsLeaveCriticalSection(&requestLock);
-    return kOk;
-  }
-  for (uint32_t remaining = kBusyTries; (status & 0xFFFF) == kBusy; --remaining) {
-    log.Debug("TqUvcCtrlChan::WriteReg device is busy: 0x%4.4x (return code=0x%4.4x, try another write (%d))",
-              address, kBusy, static_cast<int>(remaining));
-    RkOsSleep(kBusyPauseMs);
-    if (remaining == 1) return status;  // exhausted: the request lock stays held
-    RkOsEnterCriticalSection(&requestLock);
-    status = static_cast<uint32_t>(TqUvcWriteReg4(cam, address, value, nextRequestId(), timeout));
-  }
-  if (status != kOk) {
-    log.Debug("TqUvcCtrlChan::WriteReg error writing to adr: 0x%4.4x", address);
-    CheckSevereError(status);
-  }
-  RkOsLeaveCriticalSection(&requestLock);
-  return status;
+  return request(
+      "TqUvcCtrlChan::WriteReg device is busy: 0x%4.4x (return code=0x%4.4x, try another write (%d))",
+      "TqUvcCtrlChan::WriteReg error writing to adr: 0x%4.4x", address,
+      [&](uint16_t id) { return static_cast<uint32_t>(TqUvcWriteReg4(cam, address, value, id, timeout)); });
 }
 
 uint32_t TqUvcCtrlChan::ReadReg(uint32_t* /*addresses*/, uint32_t* /*values*/, uint32_t /*count*/) {

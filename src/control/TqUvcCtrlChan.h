@@ -55,6 +55,10 @@ class TqUvcCtrlChan : public TqUvcChannel {
   // Classifies a failed status; severe ones raise the hot-plug trigger.
   void CheckSevereError(uint32_t status);
   uint16_t nextRequestId();
+  // One register request under the request lock with the busy retries and the
+  // severe-error rule; call(requestId) makes one attempt.
+  template <typename Call>
+  uint32_t request(const char* busyFormat, const char* errorFormat, uint32_t address, Call&& call);
 
   uint32_t accessPrivilegeHeld;
   // Read by the hot-plug thread and the stream channel beside the callers.

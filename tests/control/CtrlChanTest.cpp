@@ -199,31 +199,6 @@ TEST_F(CtrlChanTest, AvailabilityOfLinkedChannel) {
   dev.GetDiscData()->AccessPrivilege = 0;
 }
 
-TEST_F(CtrlChanTest, ConnectionStatusFollowsConnect) {
-  TqUvcCtrlChan& ctrl = channel("STATUS");
-  uint32_t status = 9;
-  EXPECT_EQ(ctrl.CheckConnectionStatus(nullptr), 0U);
-  EXPECT_EQ(ctrl.CheckConnectionStatus(&status), 0U);
-  EXPECT_EQ(status, 0U);
-  ASSERT_EQ(ctrl.Connect(nullptr, false), 0U);
-  EXPECT_EQ(ctrl.CheckConnectionStatus(&status), 0U);
-  // bCheckConnect is off without an ini file: plain connected flag.
-  EXPECT_EQ(status, devices_.back()->CheckConnect() ? 0U : 1U);
-}
-
-TEST_F(CtrlChanTest, UnsupportedOperations) {
-  TqUvcCtrlChan& ctrl = channel("UNSUP");
-  ASSERT_EQ(ctrl.Connect(nullptr, false), 0U);
-  uint32_t addresses[2] = {0x40A04, 0x40A08};
-  uint32_t values[2] = {};
-  const uint16_t before = ctrl.GetRequestId();
-  EXPECT_EQ(ctrl.ReadReg(addresses, values, 2), 0x8008U);
-  EXPECT_EQ(ctrl.WriteReg(addresses, values, 2), 0x8008U);
-  EXPECT_EQ(ctrl.GetRequestId(), static_cast<uint16_t>(before + 2));
-  unsigned char block[4] = {};
-  EXPECT_EQ(ctrl.WriteMem(0xE8, block, sizeof block), 0x8008U);
-}
-
 // Four cameras on four threads: the one HID answer slot must never hand one
 // camera's value to another's request.
 TEST_F(CtrlChanTest, FourCamerasFromFourThreads) {

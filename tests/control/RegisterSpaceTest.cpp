@@ -65,16 +65,6 @@ TEST_F(RegisterSpaceTest, RegisterReadsByAddress) {
   }
 }
 
-TEST_F(RegisterSpaceTest, UnhandledReadLogsBothErrors) {
-  tqtest::LogCapture log;
-  uint32_t value = 7;
-  ctrl_->ReadReg(0x50000, &value);
-  EXPECT_EQ(log.countExact("  UvcReadReg4() unhandled Adr=00050000 [HIDCamIndex:" +
-                           std::to_string(ctrl_->GetHIDCamIndex()) + "]"),
-            1U);
-  EXPECT_EQ(log.countExact("  UvcReadReg4: error status:-101 Adr=00050000  Value=7 [7]"), 1U);
-}
-
 TEST_F(RegisterSpaceTest, RegisterWritesByAddress) {
   struct Case {
     uint32_t address;
