@@ -182,7 +182,8 @@ TQ_UVC_API uint64_t TqUvcNextPoolDev(uint64_t hDev, uint64_t Reserved, _tagTqUvc
 /* ---------------------------------------------------------------- control */
 
 /* Opens the camera's HID function and claims it. 0x8007 when already connected
- * (which also disconnects this handle) or when the camera cannot be opened. */
+ * (this handle is then left linked but not connected) or when the camera
+ * cannot be opened. */
 TQ_UVC_API uint32_t TqUvcConnect(uint64_t hDev, uint32_t Privilege);
 /* Closes the message and stream channels, releases and closes the camera. 0. */
 TQ_UVC_API uint32_t TqUvcDisconnect(uint64_t hDev);

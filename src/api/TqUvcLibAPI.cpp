@@ -9,6 +9,7 @@
 #include "control/TqUvcBootstrap.h"
 #include "control/TqUvcCtrlChan.h"
 #include "control/TqUvcMsgChan.h"
+#include "hid/DeviceNode.h"
 #include "pool/TqUvcDevPool.h"
 #include "stream/TqUvcStrmChan.h"
 #include "support/LibLogs.h"
@@ -22,9 +23,13 @@ std::atomic<TqUvcDevPool*> ThePool{nullptr};
 CInitializer g_Initializer;
 
 CInitializer::~CInitializer() {
-  if (TqUvcInitialized == 0) return;
-  delete ThePool.exchange(nullptr);
-  TqUvcCloseIni();
+  if (TqUvcInitialized != 0) {
+    delete ThePool.exchange(nullptr);
+    TqUvcCloseIni();
+  }
+  // The camera table outlives every other static object of the library so
+  // that the pool above could still close cameras through it.
+  ReleaseDevicePool();
 }
 
 namespace {

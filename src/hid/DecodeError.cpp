@@ -1,5 +1,6 @@
 #include "hid/DecodeError.h"
 
+#include <cstdio>
 #include <mutex>
 
 namespace {
@@ -103,10 +104,11 @@ std::string DecodeError(int code) {
   // One shared text, as callers have always seen it; the lock only keeps
   // concurrent callers from tearing it.
   static std::mutex lock;
-  // Never destroyed: errors may still be decoded while the library unloads.
-  static std::string& text = *new std::string;
+  // A plain array: it stays usable while the library unloads, whatever order
+  // the static objects of other files are destroyed in.
+  static char text[128];
   std::lock_guard<std::mutex> guard(lock);
-  if (code != 0) text = deviceStatusText(code);
+  if (code != 0) std::snprintf(text, sizeof text, "%s", deviceStatusText(code));
   return text;
 }
 

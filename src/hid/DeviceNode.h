@@ -28,6 +28,9 @@ struct DeviceNode {
 // Never shrinks: a camera index, once handed out, stays valid for the process.
 // Not locked: enumeration must not run while other threads use it.
 extern std::vector<DeviceNode>& DevicePool;
+// Frees the table at unload, after every camera was closed; nothing may use
+// DevicePool afterwards.
+void ReleaseDevicePool();
 extern uint32_t gn_DeviceCount;  // linked records after the last enumeration
 extern uint32_t gn_Vid;          // ids of the last enumeration (low 16 bits)
 extern uint32_t gn_Pid;

@@ -74,11 +74,18 @@ TqUvcDevice::~TqUvcDevice() {
     strmChan->Close();
   }
   if (ctrlChan != nullptr) ctrlChan->UnLink();
+  // Each pointer is cleared at once: the control channel's destructor may still
+  // look for the other channels through this device.
   delete bootstrap;
+  bootstrap = nullptr;
   delete msgChan;
+  msgChan = nullptr;
   delete strmChan;
+  strmChan = nullptr;
   delete ctrlChan;
+  ctrlChan = nullptr;
   delete discPkt;
+  discPkt = nullptr;
 }
 
 _tagTqUvccpDiscData* TqUvcDevice::GetDiscData() const { return discPkt->GetDiscData(); }

@@ -21,22 +21,30 @@ TEST(Unload, DlcloseAfterScanAndConnectClosesEverything) {
   tqsim::CameraConfig config = tqsim::defaultCameraConfig();
   const tqsim::CameraId id = tqsim::plugCamera(config);
   ASSERT_NE(id, tqsim::kNoCamera);
+  config.hidrawNumber = 1;
+  config.videoNumber = 2;
+  config.metadataVideoNumber = 3;
+  config.serial = "SECOND";
+  ASSERT_NE(tqsim::plugCamera(config), tqsim::kNoCamera);
 
   void* lib = dlopen(TQ_UVC_LIBRARY, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(lib, nullptr) << dlerror();
   auto init = symbol<void (*)()>(lib, "TqUvcLibraryInit");
   auto scan = symbol<uint32_t (*)(uint64_t, uint64_t, uint64_t)>(lib, "TqUvcScanDevices");
   auto first = symbol<uint64_t (*)(uint64_t, _tagTqUvcDevInfo*)>(lib, "TqUvcGetFirstPoolDev");
+  auto next = symbol<uint64_t (*)(uint64_t, uint64_t, _tagTqUvcDevInfo*)>(lib, "TqUvcNextPoolDev");
   auto connect = symbol<uint32_t (*)(uint64_t, uint32_t)>(lib, "TqUvcConnect");
   auto openStream = symbol<uint32_t (*)(uint64_t, uint64_t, uint32_t, uint32_t)>(lib, "TqUvcOpenStrmChan");
-  ASSERT_TRUE(init && scan && first && connect && openStream);
+  ASSERT_TRUE(init && scan && first && next && connect && openStream);
 
   init();
   scan(0, 0, 100);
   _tagTqUvcDevInfo info{};
   info.Size = sizeof info;
+  // A freshly loaded library numbers its devices from 1.
   const uint64_t h = first(0, &info);
-  ASSERT_NE(h, 0u);
+  ASSERT_EQ(h, 1u);
+  EXPECT_EQ(next(h, 0, &info), 2u);
   ASSERT_EQ(connect(h, 0), 0u);
   ASSERT_EQ(openStream(h, 0, 0, 0), 0u);
   EXPECT_EQ(tqsim::openHidNodes(id), 1);
