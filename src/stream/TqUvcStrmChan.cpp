@@ -63,8 +63,13 @@ TqUvcStrmChan::TqUvcStrmChan(TqUvcDevice* owner)
       acquisitionTimeout(0),
       testCase(0),
       handlerCount(0),
-      framesInFlight(0) {
+      framesInFlight(0),
+      handlerUsers(0),
+      dmaMutex{},
+      dmaOwner(std::thread::id()),
+      dmaDepth(0) {
   RkOsInitializeCriticalSection(&strmLock, "UVC:StrmLock");
+  RkOsInitializeCriticalSection(&dmaMutex, "UVC:Dma");
 }
 
 TqUvcStrmChan::~TqUvcStrmChan() {
@@ -75,6 +80,7 @@ TqUvcStrmChan::~TqUvcStrmChan() {
     if (device != nullptr && TqUvcIsAvailableUvcDevice(camera())) TqUvcStopAcquisition(camera());
     delete takeHandler();
   }
+  RkOsDeleteCriticalSection(&dmaMutex);
   RkOsDeleteCriticalSection(&strmLock);
 }
 
@@ -263,8 +269,13 @@ uint32_t TqUvcStrmChan::StreamStart(uint32_t) {
     }
   }
   l.Trace("TqUvcStrmChan::StreamStart() [end]");
+  // Outside strmLock: a concurrent StreamStop waits for this call before it
+  // deletes the handler.
+  handlerUsers.fetch_add(1);
   TqUvcStrmHandler* current = handler.load();
-  return current != nullptr ? current->StreamStart(0) : 0;
+  const uint32_t result = current != nullptr ? current->StreamStart(0) : 0;
+  handlerUsers.fetch_sub(1);
+  return result;
 }
 
 uint32_t TqUvcStrmChan::StreamStop(uint32_t arg) {
@@ -285,9 +296,9 @@ uint32_t TqUvcStrmChan::StreamStop(uint32_t arg) {
       const int cam = camera();
       // Stops and joins the capture thread: no new frame reaches the handler.
       TqUvcStopAcquisition(cam);
-      if (handler.load() != nullptr) {
-        result = handler.load()->StreamStop(arg);
-        delete takeHandler();
+      if (TqUvcStrmHandler* old = takeHandler()) {
+        result = old->StreamStop(arg);
+        delete old;
         if (l.DebugEnabled()) {
           --handlerCount;
           l.Debug("TqUvcStrmChan::StreamStop: deleted TheStrmHandler:%p (count:%d)",
@@ -309,8 +320,18 @@ uint32_t TqUvcStrmChan::StreamLockTableAcquireDmaMutex() {
   uint32_t result = 0;
   if (device == nullptr || device->GetCtrlChan() == nullptr) {
     result = kError;
-  } else if (TqUvcStrmHandler* current = handler.load()) {
-    result = current->StreamLockTableAcquireDmaMutex();
+  } else if (handler.load() != nullptr) {
+    // Wait for another holder here, before the handler is counted as in use:
+    // a StreamStop then never waits for a client thread that waits for a
+    // client thread. The handler's own enter below is a recursive one.
+    RkOsEnterCriticalSection(&dmaMutex);
+    handlerUsers.fetch_add(1);
+    if (TqUvcStrmHandler* current = handler.load()) {
+      result = current->StreamLockTableAcquireDmaMutex();
+      if (dmaDepth++ == 0) dmaOwner = std::this_thread::get_id();
+    }
+    handlerUsers.fetch_sub(1);
+    RkOsLeaveCriticalSection(&dmaMutex);
   }
   log().Trace("TqUvcStrmChan::StreamLockTableAcquireDmaMutex() [end]");
   return result;
@@ -318,7 +339,17 @@ uint32_t TqUvcStrmChan::StreamLockTableAcquireDmaMutex() {
 
 uint32_t TqUvcStrmChan::StreamLockTableReleaseDmaMutex() {
   uint32_t result = 0;
-  if (TqUvcStrmHandler* current = handler.load()) result = current->StreamLockTableReleaseDmaMutex();
+  // Only the holder releases; a hold taken before StreamStop is released
+  // here even though its handler is gone.
+  if (dmaOwner.load() == std::this_thread::get_id()) {
+    if (--dmaDepth == 0) dmaOwner = std::thread::id();
+    handlerUsers.fetch_add(1);
+    if (TqUvcStrmHandler* current = handler.load())
+      result = current->StreamLockTableReleaseDmaMutex();
+    else
+      RkOsLeaveCriticalSection(&dmaMutex);
+    handlerUsers.fetch_sub(1);
+  }
   log().Trace("TqUvcStrmChan::StreamLockTableReleaseDmaMutex() [end]");
   return result;
 }
@@ -341,5 +372,7 @@ TqUvcStrmHandler* TqUvcStrmChan::takeHandler() {
   if (!deliveringFrame) {
     while (framesInFlight.load() != 0) RkOsSleep(1);
   }
+  // Client calls in flight hold no lock and never block while counted.
+  while (handlerUsers.load() != 0) RkOsSleep(1);
   return old;
 }

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <thread>
 
 #include "control/TqUvcChannel.h"
 #include "stream/TqUvcDataMemory.h"
@@ -56,6 +57,9 @@ class TqUvcStrmChan : public TqUvcChannel {
   // stream is not started. StreamStop waits for a frame in here before it
   // deletes the handler.
   void DeliverFrame(char* data, int size);
+  // The client's lock-table mutex, handed to each handler. It lives as long
+  // as the channel, so a hold taken before StreamStop can be released after.
+  RkOsCriticalSection* GetDmaMutex() { return &dmaMutex; }
 
  private:
   std::atomic<TqUvcDataCallback> dataCallback;
@@ -75,9 +79,17 @@ class TqUvcStrmChan : public TqUvcChannel {
   uint32_t handlerCount;
   // Frames inside DeliverFrame right now.
   std::atomic<uint32_t> framesInFlight;
+  // Client calls using the handler outside strmLock right now (the DMA-mutex
+  // calls, the end of StreamStart); none of them blocks while counted.
+  std::atomic<uint32_t> handlerUsers;
+  RkOsCriticalSection dmaMutex;  // "UVC:Dma"
+  // The thread holding dmaMutex through the client calls and its depth; the
+  // depth is touched only by that thread.
+  std::atomic<std::thread::id> dmaOwner;
+  uint32_t dmaDepth;
 
-  // Takes the handler out of reach of the capture thread and hands it over
-  // for deletion once no frame is inside it.
+  // Takes the handler out of reach of the capture thread and the client calls
+  // and hands it over for deletion once no frame and no call is inside it.
   TqUvcStrmHandler* takeHandler();
   rk::CLog& log() const;
   int camera() const;

@@ -41,15 +41,12 @@ TqUvcStrmSocketHandler::TqUvcStrmSocketHandler(TqUvcStrmChan* owner, uint32_t ha
       device(owner != nullptr ? owner->GetDevice() : nullptr),
       actualBufferIdx(0),
       unusedIndex(0xFFFFFFFFu),
-      dmaMutex{},
+      dmaMutex(owner != nullptr ? owner->GetDmaMutex() : nullptr),
       blockInfo{},
-      flag(0) {
-  RkOsInitializeCriticalSection(&dmaMutex, "UVC:Dma");
-}
+      flag(0) {}
 
 TqUvcStrmSocketHandler::~TqUvcStrmSocketHandler() {
   device->GetLog().Trace("~TqUvcStrmSocketHandler:: [begin]");
-  RkOsDeleteCriticalSection(&dmaMutex);
   device->GetLog().Trace("~TqUvcStrmSocketHandler:: [end]");
 }
 
@@ -59,12 +56,12 @@ int TqUvcStrmSocketHandler::Execute(void*) {
 }
 
 uint32_t TqUvcStrmSocketHandler::StreamLockTableAcquireDmaMutex() {
-  RkOsEnterCriticalSection(&dmaMutex);
+  RkOsEnterCriticalSection(dmaMutex);
   return 0;
 }
 
 uint32_t TqUvcStrmSocketHandler::StreamLockTableReleaseDmaMutex() {
-  RkOsLeaveCriticalSection(&dmaMutex);
+  RkOsLeaveCriticalSection(dmaMutex);
   return 0;
 }
 

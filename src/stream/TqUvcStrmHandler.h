@@ -6,6 +6,7 @@
 #include <rkosdep.h>
 #include <tq_uvc.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "support/TqUvcThread.h"
@@ -33,7 +34,7 @@ class TqUvcStrmHandler : public TqUvcThread {
  protected:
   TqUvcStrmChan* channel;
   uint32_t status;
-  bool active;
+  std::atomic<bool> active;  // StreamStart may run on several client threads
 };
 
 class TqUvcStrmSocketHandler : public TqUvcStrmHandler {
@@ -56,7 +57,9 @@ class TqUvcStrmSocketHandler : public TqUvcStrmHandler {
   TqUvcDevice* device;
   uint32_t actualBufferIdx;
   [[maybe_unused]] uint32_t unusedIndex;
-  RkOsCriticalSection dmaMutex;  // "UVC:Dma"
+  // The channel's "UVC:Dma": the client may still hold it when the stream
+  // stops and this handler goes, so the channel keeps it.
+  RkOsCriticalSection* dmaMutex;
   _tagTqUvcDataBlockInfo blockInfo;
   [[maybe_unused]] uint8_t flag;
 };
