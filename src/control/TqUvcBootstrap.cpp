@@ -48,10 +48,12 @@ bool startsWithNoCase(const char* text, const char* prefix) {
   return RkOsStrnicmp(text, prefix, std::strlen(prefix)) == 0;
 }
 
-// A cached name is joined to the cache directory as it is, so anything that
-// could climb out of it is refused.
+// A cached name is joined to the cache directory as it is. Without '/' only
+// "." and ".." (and no name at all) can name something other than a file in
+// it; ".." inside a name ("TQ_X..M._...") is harmless and common, since
+// cleaned model names turn odd characters into dots.
 bool leavesCacheDirectory(const std::string& name) {
-  return name.find('/') != std::string::npos || name.find("..") != std::string::npos;
+  return name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos;
 }
 
 }  // namespace

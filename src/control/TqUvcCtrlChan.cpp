@@ -124,6 +124,12 @@ uint32_t TqUvcCtrlChan::Link() {
   return result;
 }
 
+void TqUvcCtrlChan::ReConnect() {
+  RkOsEnterCriticalSection(&controlLock);
+  device->GetLog().Debug("TqUvcCtrlChan::ReConnect()");
+  RkOsLeaveCriticalSection(&controlLock);
+}
+
 uint32_t TqUvcCtrlChan::UnLink() {
   rk::CLog& log = device->GetLog();
   RkOsEnterCriticalSection(&controlLock);

@@ -33,6 +33,9 @@ class TqUvcCtrlChan : public TqUvcChannel {
   uint32_t CheckAvailability(uint32_t* available, uint8_t* data = nullptr, uint32_t size = 0);
   // 0 when linked, else 0x8FFF.
   uint32_t CheckLink();
+  // Marks the start of a hot-plug reconnect in the log, under the control lock
+  // so the line is ordered with the Link/Connect lines of other threads.
+  void ReConnect();
 
   uint32_t ReadReg(uint32_t address, uint32_t* value);
   uint32_t WriteReg(uint32_t address, uint32_t value);

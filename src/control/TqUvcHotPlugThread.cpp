@@ -101,8 +101,7 @@ int TqUvcHotPlugThread::Execute(void* arg) {
             break;
           }
           const NoCancel noCancel;
-          // The channel's control lock is its own; the line is written without it.
-          log.Debug("TqUvcCtrlChan::ReConnect()");
+          chan->ReConnect();
           uint32_t back = 0;
           chan->CheckAvailability(&back);
           if (back == 0) {

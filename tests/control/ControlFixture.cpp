@@ -1,11 +1,35 @@
 #include "ControlFixture.h"
 
+#include <stdlib.h>
+
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
 
 #include "control/VexaHID_Interface.h"
 #include "pool/TqUvcDiscPkt.h"
 
 namespace ctltest {
+namespace {
+
+// Points the ini file and the cache at a temporary directory before any test
+// reads them, and removes it at the end.
+class TempDirEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    std::filesystem::create_directories(cacheDir());
+    setenv("TQ_XML_CACHE", cacheDir().c_str(), 1);
+    setenv("TQ_INI_FILE", (tempDir() + "/tarquel.ini").c_str(), 1);
+    writeIni(false);
+  }
+  void TearDown() override { std::filesystem::remove_all(tempDir()); }
+};
+
+[[maybe_unused]] const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new TempDirEnvironment);
+
+}  // namespace
 
 tqsim::CameraConfig cameraOn(int n, const std::string& serial) {
   tqsim::CameraConfig config = tqsim::defaultCameraConfig();
@@ -14,6 +38,43 @@ tqsim::CameraConfig cameraOn(int n, const std::string& serial) {
   config.metadataVideoNumber = 2 * n + 1;
   config.serial = serial;
   return config;
+}
+
+const std::string& tempDir() {
+  static const std::string dir = [] {
+    char pattern[] = "/tmp/tq-control-XXXXXX";
+    return std::string(mkdtemp(pattern) != nullptr ? pattern : "/tmp/tq-control");
+  }();
+  return dir;
+}
+
+const std::string& cacheDir() {
+  static const std::string dir = tempDir() + "/xml/";
+  return dir;
+}
+
+void writeIni(bool autoConnect) {
+  std::ofstream ini(tempDir() + "/tarquel.ini", std::ios::trunc);
+  ini << "[MISC.Options]\nMISC.AutoConnect=" << (autoConnect ? 1 : 0) << "\n";
+}
+
+bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+std::string shaText(tqsim::CameraId id) {
+  std::string text;
+  char digits[3];
+  for (uint8_t b : tqsim::xmlSha1(id)) {
+    std::snprintf(digits, sizeof digits, "%02x", b);
+    text += digits;
+  }
+  return text;
 }
 
 void ControlTest::SetUp() {
@@ -25,12 +86,14 @@ void ControlTest::TearDown() {
   devices_.clear();
   TqUvcDeleteHidDevice();
   tqsim::reset();
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(cacheDir(), ignored))
+    std::filesystem::remove_all(entry.path(), ignored);
 }
 
 tqsim::CameraId ControlTest::plug(const tqsim::CameraConfig& config) {
-  std::string error;
-  tqsim::CameraId id = tqsim::plugCamera(config, &error);
-  EXPECT_NE(id, tqsim::kNoCamera) << error;
+  const tqsim::CameraId id = tqsim::plugCamera(config);
+  EXPECT_NE(id, tqsim::kNoCamera);
   return id;
 }
 
@@ -38,8 +101,7 @@ int ControlTest::enumerate(const std::string& serial) {
   int count = 0;
   if (TqUvcEnumerateHidDevice(&count) != 0) return -1;
   int found = -1;
-  int index = -1;
-  for (int rc = TqUvcGetFirstHidDevice(&index); rc == 0; rc = TqUvcGetNextHidDevice(&index)) {
+  for (int index = -1, rc = TqUvcGetFirstHidDevice(&index); rc == 0; rc = TqUvcGetNextHidDevice(&index)) {
     char text[64] = {};
     TqUvcGetSerialNumberHidDevice(index, text, sizeof text);
     if (serial == text) found = index;
@@ -50,8 +112,8 @@ int ControlTest::enumerate(const std::string& serial) {
 TqUvcDevice& ControlTest::makeDevice(const std::string& serial, int camIndex, const char* interfaceText) {
   TqUvcDiscPkt pkt;
   _tagTqUvccpDiscData* disc = pkt.GetDiscData();
-  disc->Vid = kVid;
-  disc->Pid = kPid;
+  disc->Vid = 0x7A3D;
+  disc->Pid = 0x0203;
   disc->HIDCamIndex = static_cast<uint32_t>(camIndex);
   std::strncpy(disc->SerialNr, serial.c_str(), sizeof disc->SerialNr - 1);
   std::strncpy(disc->InterfaceText, interfaceText, sizeof disc->InterfaceText - 1);
@@ -60,10 +122,18 @@ TqUvcDevice& ControlTest::makeDevice(const std::string& serial, int camIndex, co
 }
 
 TqUvcDevice& ControlTest::deviceFor(const tqsim::CameraConfig& config) {
-  plug(config);
+  sim_ = plug(config);
   const int index = enumerate(config.serial);
   EXPECT_GE(index, 0);
   return makeDevice(config.serial, index);
+}
+
+void DeviceTest::SetUp() {
+  ControlTest::SetUp();
+  tqsim::CameraConfig config = cameraOn(0, "BOOT-SN-7");
+  configure(config);
+  writeIni(autoConnect());
+  dev_ = &deviceFor(config);
 }
 
 }  // namespace ctltest
