@@ -51,7 +51,7 @@ bool waitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, 
 std::string versionOf(const Camera& camera) {
   try {
     Connection connection(camera.handle);
-    const std::string version = readIdentity(camera.handle, kVersionAddress);
+    std::string version = readIdentity(camera.handle, kVersionAddress);
     if (!version.empty()) return version;
   } catch (const Error&) {
     // Held by another program: the record's text is the next best thing.

@@ -52,7 +52,7 @@ void applyLogLevels(int verbosity, const std::string& spec, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int runTool(int argc, char** argv) {
   CLI::App app{"Lists, inspects and streams Tarquel UVC cameras", "tq-uvc"};
   app.require_subcommand(0, 1);
   std::string camera;
@@ -123,6 +123,15 @@ int main(int argc, char** argv) {
     return 1;
   } catch (const std::exception& e) {
     std::cerr << "tq-uvc: error: " << e.what() << '\n';
+    return 1;
+  }
+}
+
+int main(int argc, char** argv) {
+  try {
+    return runTool(argc, argv);
+  } catch (const std::exception& e) {
+    std::cerr << "tq-uvc: " << e.what() << '\n';
     return 1;
   }
 }
