@@ -76,6 +76,10 @@ TEST_F(Tool, SubcommandsPrintWhatTheCameraHolds) {
        {"0x00040A04 = 0x00000500\n0x00040A08 = 0x000003C0\n0x00040708 = 0x00000A00"}},
       {{"write", "40A04", "280", "40A08", "1E0"}, {"0x00040A04 <- 0x00000280", "0x00040A08 <- 0x000001E0"}},
       {{"read-mem", "40500", "10"}, {"00040500  45 6D 75", "Emu Vendor"}},
+      // The library writes 12 bytes at an identity address whatever the length.
+      {{"read-mem", "4", "1"}, {"00000004  45 "}},
+      // Longer than one memory request serves.
+      {{"read-mem", "40500", "64"}, {"00040500  45 6D 75", "00040560 "}},
       {{"-c", "CAM-SN-0042", "read", "40A08"}, {"= 0x000003C0"}},
       {{"-c", "1", "read", "40A08"}, {"= 0x000003C0"}},
   };

@@ -230,8 +230,23 @@ int runReadMem(std::ostream& out, const std::string& spec, const std::string& ad
   constexpr uint32_t kMaxLength = 16u << 20;
   if (length == 0 || length > kMaxLength) throw Error("length must be 1..0x" + hex32(kMaxLength).substr(2));
   ConnectedCamera cc(spec);
-  std::vector<uint8_t> data(length);
-  check(TqUvcReadMem(cc.camera.handle, address, data.data(), length), "read memory at " + hex32(address));
+  // The library writes 12 bytes at the identity addresses whatever length is
+  // asked, and serves at most 60 bytes of camera memory per call (a request
+  // of 60 or more is cut to 60): read in blocks it serves whole, into a buffer
+  // with room to spare.
+  constexpr uint32_t kIdentitySize = 12;
+  constexpr uint32_t kMemoryBlock = 59;
+  const bool cameraMemory = address >= 0x40000 && address <= 0x4FFFF;
+  std::vector<uint8_t> data(std::max(length, kIdentitySize) + 64);
+  if (cameraMemory) {
+    for (uint32_t done = 0; done < length; done += kMemoryBlock) {
+      const uint32_t block = std::min(kMemoryBlock, length - done);
+      check(TqUvcReadMem(cc.camera.handle, address + done, data.data() + done, block),
+            "read memory at " + hex32(address + done));
+    }
+  } else {
+    check(TqUvcReadMem(cc.camera.handle, address, data.data(), length), "read memory at " + hex32(address));
+  }
   char line[128];
   for (uint32_t offset = 0; offset < length; offset += 16) {
     int n = std::snprintf(line, sizeof line, "%08X ", address + offset);
@@ -392,16 +407,22 @@ int runStream(std::ostream& out, const std::string& spec, const StreamLimits& li
     if (Clock::now() < next) break;  // limit or stop request
     const double dt = std::chrono::duration<double>(Clock::now() - tick).count();
     tick = Clock::now();
+    const uint64_t nowFrames = frames;
+    const uint64_t nowBytes = bytes;
+    const uint64_t nowIncomplete = incomplete;
+    // Printed without the lock: a blocked stdout must not stall the capture
+    // thread's callback.
+    lock.unlock();
     char line[200];
     std::snprintf(line, sizeof line,
                   "%5.1f fps  %7.2f MiB/s  frames %llu  incomplete %llu  lost (all buffers locked) %llu",
-                  static_cast<double>(frames - lastFrames) / dt, mib(bytes - lastBytes) / dt,
-                  static_cast<unsigned long long>(frames), static_cast<unsigned long long>(incomplete),
+                  static_cast<double>(nowFrames - lastFrames) / dt, mib(nowBytes - lastBytes) / dt,
+                  static_cast<unsigned long long>(nowFrames), static_cast<unsigned long long>(nowIncomplete),
                   static_cast<unsigned long long>(session.allLockedEpisodes()));
-    lastFrames = frames;
-    lastBytes = bytes;
+    lastFrames = nowFrames;
+    lastBytes = nowBytes;
     if (limits.progressBar && (limits.frames != 0 || limits.seconds > 0)) {
-      double done = limits.frames != 0 ? static_cast<double>(frames) / static_cast<double>(limits.frames)
+      double done = limits.frames != 0 ? static_cast<double>(nowFrames) / static_cast<double>(limits.frames)
                                        : secondsSince(start) / limits.seconds;
       done = std::min(1.0, done);
       const int filled = static_cast<int>(done * 30);
@@ -411,6 +432,7 @@ int runStream(std::ostream& out, const std::string& spec, const StreamLimits& li
     } else {
       out << line << '\n' << std::flush;
     }
+    lock.lock();
     if (limitReached()) break;
   }
   if (limits.progressBar) out << '\n';
