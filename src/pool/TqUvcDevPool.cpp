@@ -5,6 +5,7 @@
 
 #include "control/VexaHID_Interface.h"
 #include "pool/TqUvcDiscPkt.h"
+#include "support/CriticalSectionLock.h"
 #include "support/LibLogs.h"
 #include "support/StringUtils.h"
 
@@ -40,17 +41,6 @@ void stripTrailingBlanks(char (&text)[N]) {
   size_t n = std::strlen(text);
   while (n > 1 && text[n - 1] == ' ') text[--n] = '\0';
 }
-
-class PoolLock {
- public:
-  explicit PoolLock(RkOsCriticalSection& cs) : cs_(cs) { RkOsEnterCriticalSection(&cs_); }
-  ~PoolLock() { RkOsLeaveCriticalSection(&cs_); }
-  PoolLock(const PoolLock&) = delete;
-  PoolLock& operator=(const PoolLock&) = delete;
-
- private:
-  RkOsCriticalSection& cs_;
-};
 
 }  // namespace
 
@@ -129,7 +119,7 @@ uint32_t TqUvcDevPool::Add(TqUvcDiscPkt* pkt) {
 }
 
 TqUvcDevPoolNode* TqUvcDevPool::GetNode(uint64_t hDev) {
-  PoolLock guard(lock);
+  CriticalSectionLock guard(lock);
   for (TqUvcDevPoolNode* node = head; node != nullptr; node = node->next) {
     if (node->device.GetHandle() == hDev) {
       node->AddRef();
@@ -141,7 +131,7 @@ TqUvcDevPoolNode* TqUvcDevPool::GetNode(uint64_t hDev) {
 
 TqUvcDevPoolNode* TqUvcDevPool::GetHead(uint32_t /*filter*/) {
   PoolLog.Trace("TqUvcDevPool::GetHead()\n");
-  PoolLock guard(lock);
+  CriticalSectionLock guard(lock);
   TqUvcDevPoolNode* node = head;
   if (node == nullptr) return nullptr;
   if (node->present) {
@@ -162,7 +152,7 @@ TqUvcDevPoolNode* TqUvcDevPool::GetHead(uint32_t /*filter*/) {
 TqUvcDevPoolNode* TqUvcDevPool::GetNext(TqUvcDevPoolNode* current, uint32_t /*filter*/) {
   PoolLog.Trace("TqUvcDevPool::GetNext()\n");
   if (current == nullptr) return nullptr;
-  PoolLock guard(lock);
+  CriticalSectionLock guard(lock);
   for (TqUvcDevPoolNode* node = current->next; node != nullptr; node = node->next) {
     node->AddRef();
     if (node->present) {
@@ -175,7 +165,7 @@ TqUvcDevPoolNode* TqUvcDevPool::GetNext(TqUvcDevPoolNode* current, uint32_t /*fi
 
 uint32_t TqUvcDevPool::ScanDevices(uint64_t timeoutMs) {
   PoolLog.Trace("TqUvcDevPool::ScanDevices(Timeout=%lldms)\n", static_cast<long long>(timeoutMs));
-  PoolLock guard(lock);
+  CriticalSectionLock guard(lock);
   for (TqUvcDevPoolNode* node = head; node != nullptr; node = node->next) {
     node->present = 0;
     node->scanWord = 0;

@@ -6,6 +6,7 @@
 #include "control/VexaHID_Interface.h"
 #include "pool/TqUvcDevice.h"
 #include "stream/TqUvcStrmHandler.h"
+#include "support/CriticalSectionLock.h"
 #include "support/LibLogs.h"
 #include "support/TqUvcIni.h"
 
@@ -28,17 +29,6 @@ constexpr uint32_t kStartSettleMs = 100;
 // Set while this thread is inside DeliverFrame: a StreamStop issued from the
 // data callback must not wait for its own frame.
 thread_local bool deliveringFrame = false;
-
-class StrmLock {
- public:
-  explicit StrmLock(RkOsCriticalSection& cs) : cs_(cs) { RkOsEnterCriticalSection(&cs_); }
-  ~StrmLock() { RkOsLeaveCriticalSection(&cs_); }
-  StrmLock(const StrmLock&) = delete;
-  StrmLock& operator=(const StrmLock&) = delete;
-
- private:
-  RkOsCriticalSection& cs_;
-};
 
 }  // namespace
 
@@ -102,7 +92,7 @@ uint32_t TqUvcStrmChan::Open(uint32_t, uint32_t) {
   rk::CLog& l = log();
   uint32_t result = 0;
   {
-    StrmLock lock(strmLock);
+    CriticalSectionLock lock(strmLock);
     if (device == nullptr || device->GetCtrlChan() == nullptr) {
       l.Debug("TqUvcStrmChan::no device");
       result = kError;
@@ -132,7 +122,7 @@ uint32_t TqUvcStrmChan::Close() {
   rk::CLog& l = log();
   uint32_t result = 0;
   {
-    StrmLock lock(strmLock);
+    CriticalSectionLock lock(strmLock);
     if (opened == 0) {
       l.Trace("TqUvcStrmChan::Close: stream channel already closed, skip close");
     } else if (device == nullptr || !TqUvcIsAvailableUvcDevice(camera())) {
@@ -195,7 +185,7 @@ uint32_t TqUvcStrmChan::StreamStart(uint32_t) {
   if (device == nullptr || device->GetCtrlChan() == nullptr) {
     l.Error("TqUvcStrmChan::StreamStart: assertion error: missing internal devices");
   } else {
-    StrmLock lock(strmLock);
+    CriticalSectionLock lock(strmLock);
     if (started.load() == 0) {
       TqUvcCtrlChan* ctrl = device->GetCtrlChan();
       const int cam = camera();
@@ -288,7 +278,7 @@ uint32_t TqUvcStrmChan::StreamStop(uint32_t arg) {
   }
   uint32_t result = 0;
   {
-    StrmLock lock(strmLock);
+    CriticalSectionLock lock(strmLock);
     if (started.load() == 0) {
       l.Trace("TqUvcStrmChan::StreamStop: stream already stopped");
       result = kError;
