@@ -27,17 +27,17 @@ std::vector<Camera> scanCameras() {
   return cameras;
 }
 
-Camera selectCamera(const std::vector<Camera>& cameras, const std::string& spec) {
+Camera selectCamera(const std::vector<Camera>& cameras, const std::string& selector) {
   if (cameras.empty()) throw Error("no camera found");
-  if (spec.empty()) return cameras.front();
+  if (selector.empty()) return cameras.front();
   for (const Camera& c : cameras)
-    if (c.serial() == spec) return c;
-  if (spec.find_first_not_of("0123456789") == std::string::npos) {
-    const uint64_t handle = std::stoull(spec);
+    if (c.serial() == selector) return c;
+  if (selector.find_first_not_of("0123456789") == std::string::npos) {
+    const uint64_t handle = std::stoull(selector);
     for (const Camera& c : cameras)
       if (c.handle == handle) return c;
   }
-  throw Error("no camera with serial number or handle \"" + spec + "\"");
+  throw Error("no camera with serial number or handle \"" + selector + "\"");
 }
 
 Connection::Connection(uint64_t handle) : handle_(handle) {

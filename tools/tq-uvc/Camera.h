@@ -36,9 +36,9 @@ std::string fieldText(const char* field, size_t width);
 // Scans and walks the pool: the cameras present now.
 std::vector<Camera> scanCameras();
 
-// The camera `spec` names: a handle (decimal) or a serial number; the first
-// camera when spec is empty. Throws Error when there is none.
-Camera selectCamera(const std::vector<Camera>& cameras, const std::string& spec);
+// The camera `selector` names: a handle (decimal) or a serial number; the first
+// camera when selector is empty. Throws Error when there is none.
+Camera selectCamera(const std::vector<Camera>& cameras, const std::string& selector);
 
 // Connected for the lifetime of the object.
 class Connection {

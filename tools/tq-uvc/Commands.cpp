@@ -112,8 +112,8 @@ struct ConnectedCamera {
   Library library;
   Camera camera;
   Connection connection;
-  explicit ConnectedCamera(const std::string& spec)
-      : camera(selectCamera(scanCameras(), spec)), connection(camera.handle) {}
+  explicit ConnectedCamera(const std::string& selector)
+      : camera(selectCamera(scanCameras(), selector)), connection(camera.handle) {}
 };
 
 }  // namespace
@@ -156,8 +156,8 @@ int runList(std::ostream& out) {
   return 0;
 }
 
-int runInfo(std::ostream& out, const std::string& spec) {
-  ConnectedCamera cc(spec);
+int runInfo(std::ostream& out, const std::string& selector) {
+  ConnectedCamera cc(selector);
   const uint64_t h = cc.camera.handle;
   const _tagTqUvcDevInfo& i = cc.camera.info;
   char ids[32];
@@ -198,17 +198,17 @@ int runInfo(std::ostream& out, const std::string& spec) {
   return 0;
 }
 
-int runRead(std::ostream& out, const std::string& spec, const std::vector<std::string>& addressTexts) {
+int runRead(std::ostream& out, const std::string& selector, const std::vector<std::string>& addressTexts) {
   std::vector<uint32_t> addresses;
   for (const std::string& text : addressTexts) addresses.push_back(parseHex(text));
-  ConnectedCamera cc(spec);
+  ConnectedCamera cc(selector);
   const std::vector<uint32_t> values = readRegisters(cc.camera.handle, addresses);
   for (size_t k = 0; k < addresses.size(); ++k)
     out << hex32(addresses[k]) << " = " << hex32(values[k]) << '\n';
   return 0;
 }
 
-int runWrite(std::ostream& out, const std::string& spec, const std::vector<std::string>& pairs) {
+int runWrite(std::ostream& out, const std::string& selector, const std::vector<std::string>& pairs) {
   if (pairs.empty() || pairs.size() % 2 != 0) throw Error("write needs ADDR VALUE pairs");
   std::vector<uint32_t> addresses;
   std::vector<uint32_t> values;
@@ -216,20 +216,20 @@ int runWrite(std::ostream& out, const std::string& spec, const std::vector<std::
     addresses.push_back(parseHex(pairs[k]));
     values.push_back(parseHex(pairs[k + 1]));
   }
-  ConnectedCamera cc(spec);
+  ConnectedCamera cc(selector);
   writeRegisters(cc.camera.handle, addresses, values);
   for (size_t k = 0; k < addresses.size(); ++k)
     out << hex32(addresses[k]) << " <- " << hex32(values[k]) << '\n';
   return 0;
 }
 
-int runReadMem(std::ostream& out, const std::string& spec, const std::string& addressText,
+int runReadMem(std::ostream& out, const std::string& selector, const std::string& addressText,
                const std::string& lengthText) {
   const uint32_t address = parseHex(addressText);
   const uint32_t length = parseHex(lengthText);
   constexpr uint32_t kMaxLength = 16u << 20;
   if (length == 0 || length > kMaxLength) throw Error("length must be 1..0x" + hex32(kMaxLength).substr(2));
-  ConnectedCamera cc(spec);
+  ConnectedCamera cc(selector);
   // The library writes 12 bytes at the identity addresses whatever length is
   // asked, and serves at most 60 bytes of camera memory per call (a request
   // of 60 or more is cut to 60): read in blocks it serves whole, into a buffer
@@ -265,8 +265,8 @@ int runReadMem(std::ostream& out, const std::string& spec, const std::string& ad
   return 0;
 }
 
-int runXml(std::ostream& out, const std::string& spec, const std::string& outputPath) {
-  ConnectedCamera cc(spec);
+int runXml(std::ostream& out, const std::string& selector, const std::string& outputPath) {
+  ConnectedCamera cc(selector);
   const Manifest m = readManifest(cc.camera.handle);
   // local:NAME;ADDRESS;SIZE, address and size in hex
   std::string location = m.path;
@@ -302,10 +302,10 @@ int runXml(std::ostream& out, const std::string& spec, const std::string& output
   return 0;
 }
 
-int runGrab(std::ostream& out, const std::string& spec, unsigned frames, const std::string& outputPath) {
+int runGrab(std::ostream& out, const std::string& selector, unsigned frames, const std::string& outputPath) {
   if (frames == 0) throw Error("grab needs at least one frame");
   const bool everyFrame = outputPath.find("%d") != std::string::npos;
-  ConnectedCamera cc(spec);
+  ConnectedCamera cc(selector);
   const Geometry geometry = readGeometry(cc.camera.handle);
 
   struct Captured {
@@ -360,8 +360,8 @@ int runGrab(std::ostream& out, const std::string& spec, unsigned frames, const s
   return 0;
 }
 
-int runStream(std::ostream& out, const std::string& spec, const StreamLimits& limits) {
-  ConnectedCamera cc(spec);
+int runStream(std::ostream& out, const std::string& selector, const StreamLimits& limits) {
+  ConnectedCamera cc(selector);
   const Geometry geometry = readGeometry(cc.camera.handle);
   std::mutex mutex;
   std::condition_variable cv;

@@ -30,14 +30,14 @@ void installSignalHandlers() {
 // The library reads TQ_LOG while it loads, before main() runs, so a level
 // given on the command line takes effect by running the tool again with the
 // variable set. Items from the command line come last and win.
-void applyLogLevels(int verbosity, const std::string& spec, char** argv) {
+void applyLogLevels(int verbosity, const std::string& logSettings, char** argv) {
   if (std::getenv(kLogApplied) != nullptr) {
     ::unsetenv(kLogApplied);
     return;
   }
   std::string items;
   if (verbosity > 0) items = verbosity == 1 ? "UVC=info" : verbosity == 2 ? "UVC=debug" : "UVC=trace";
-  if (!spec.empty()) items += (items.empty() ? "" : ",") + spec;
+  if (!logSettings.empty()) items += (items.empty() ? "" : ",") + logSettings;
   if (items.empty()) return;
   const char* existing = std::getenv("TQ_LOG");
   const std::string levels =
