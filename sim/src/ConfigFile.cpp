@@ -28,7 +28,8 @@ std::string lower(std::string text) {
   return text;
 }
 
-// Splits off a '#' or ';' comment that is not inside double quotes.
+// Splits off a '#' or ';' comment: outside double quotes, at the start of
+// the line or after a blank, so that a bare value such as AB#12 stays whole.
 std::string stripComment(const std::string& line) {
   bool quoted = false;
   for (size_t i = 0; i < line.size(); ++i) {
@@ -36,7 +37,8 @@ std::string stripComment(const std::string& line) {
       ++i;
     } else if (line[i] == '"') {
       quoted = !quoted;
-    } else if (!quoted && (line[i] == '#' || line[i] == ';')) {
+    } else if (!quoted && (line[i] == '#' || line[i] == ';') &&
+               (i == 0 || std::isspace(static_cast<unsigned char>(line[i - 1])))) {
       return line.substr(0, i);
     }
   }
@@ -164,9 +166,9 @@ bool parseSize(const std::string& raw, FrameSize& size, std::string& why) {
   const size_t x = dims.find('x');
   long long width = 0;
   long long height = 0;
-  if (x == std::string::npos || !parseInt(dims.substr(0, x), 1, 65535, width, why) ||
-      !parseInt(dims.substr(x + 1), 1, 65535, height, why)) {
-    why = "size must be WIDTHxHEIGHT followed by frame rates";
+  if (x == std::string::npos || !parseInt(dims.substr(0, x), 1, kMaxFrameSide, width, why) ||
+      !parseInt(dims.substr(x + 1), 1, kMaxFrameSide, height, why)) {
+    why = "size must be WIDTHxHEIGHT (1.." + std::to_string(kMaxFrameSide) + " each) followed by frame rates";
     return false;
   }
   size.width = static_cast<uint32_t>(width);
@@ -222,6 +224,75 @@ void finish(Section& section, std::vector<CameraConfig>& cameras) {
 
 }  // namespace
 
+bool applyFault(CameraConfig& c, const std::string& name, const std::string& value, std::string& why) {
+  const std::string& argument = name;
+  const std::string fault = lower(argument);
+  long long number = 0;
+  bool ok = true;
+  if (fault == "no-answer") {
+    ok = parseBool(value, c.hidFaults.noAnswer, why);
+  } else if (fault == "late-answer-ms") {
+    ok = parseInt(value, 0, 3600000, number, why);
+    c.hidFaults.lateAnswerMs = static_cast<uint32_t>(number);
+  } else if (fault == "wrong-echo") {
+    ok = parseInt(value, -1, 255, number, why);
+    c.hidFaults.wrongEcho = static_cast<int>(number);
+  } else if (fault == "status") {
+    ok = parseInt(value, 0, 255, number, why);
+    c.hidFaults.status = static_cast<uint8_t>(number);
+  } else if (fault == "feature-fails") {
+    ok = parseBool(value, c.hidFaults.featureFails, why);
+  } else if (fault == "only-command") {
+    ok = parseInt(value, -1, 255, number, why);
+    c.hidFaults.onlyCommand = static_cast<int>(number);
+  } else if (fault == "udev-fails") {
+    ok = parseBool(value, c.udevFaults.fails, why);
+  } else if (fault == "udev-garbage") {
+    ok = parseBool(value, c.udevFaults.garbage, why);
+  } else if (fault == "video-without-serial") {
+    ok = parseBool(value, c.udevFaults.videoWithoutSerial, why);
+  } else if (fault == "video-serial") {
+    ok = parseText(value, c.udevFaults.videoSerial, why);
+  } else if (fault == "video-open-fails") {
+    ok = parseBool(value, c.videoFaults.openFails, why);
+  } else if (fault == "video-stops") {
+    ok = parseBool(value, c.videoFaults.stopSending, why);
+  } else if (fault == "video-select-fails") {
+    ok = parseBool(value, c.videoFaults.selectFails, why);
+  } else if (fault == "video-format-errno" || fault == "video-dqbuf-errno" ||
+             fault == "video-enum-sizes-errno") {
+    ok = parseInt(value, 0, 4095, number, why);
+    (fault == "video-format-errno"  ? c.videoFaults.formatError
+     : fault == "video-dqbuf-errno" ? c.videoFaults.dqbufErrno
+                                    : c.videoFaults.enumSizesErrno) = static_cast<int>(number);
+  } else if (fault == "video-answer-format") {
+    std::string fourcc;
+    ok = parseText(value, fourcc, why);
+    if (ok && fourcc.size() != 4) {
+      why = "a pixel format is four characters, e.g. MJPG";
+      ok = false;
+    }
+    if (ok) {
+      c.videoFaults.answerPixelFormat = static_cast<uint8_t>(fourcc[0]) |
+                                        (static_cast<uint32_t>(static_cast<uint8_t>(fourcc[1])) << 8) |
+                                        (static_cast<uint32_t>(static_cast<uint8_t>(fourcc[2])) << 16) |
+                                        (static_cast<uint32_t>(static_cast<uint8_t>(fourcc[3])) << 24);
+    }
+  } else if (fault == "video-answer-size") {
+    FrameSize answered;
+    ok = parseSize(value + " 1", answered, why);
+    c.videoFaults.answerWidth = answered.width;
+    c.videoFaults.answerHeight = answered.height;
+  } else if (fault == "video-short-frame-bytes") {
+    ok = parseInt(value, 0, 0xFFFFFFFFLL, number, why);
+    c.videoFaults.shortFrameBytes = static_cast<uint32_t>(number);
+  } else {
+    why = "unknown fault '" + argument + "'";
+    ok = false;
+  }
+  return ok;
+}
+
 bool parseConfig(const std::string& path, std::vector<CameraConfig>& cameras, std::string* error) {
   std::string text;
   if (!readFile(path, text)) {
@@ -237,7 +308,9 @@ bool parseConfigText(const std::string& text, const std::string& baseDir, const 
                      std::vector<CameraConfig>& cameras, std::string* error) {
   std::vector<CameraConfig> result;
   std::unique_ptr<Section> section;
-  std::istringstream in(text);
+  // Editors on some systems start a UTF-8 file with a byte-order mark.
+  static const std::string kByteOrderMark = "\xEF\xBB\xBF";
+  std::istringstream in(text.rfind(kByteOrderMark, 0) == 0 ? text.substr(kByteOrderMark.size()) : text);
   std::string line;
   int lineNumber = 0;
   std::string why;
@@ -354,68 +427,7 @@ bool parseConfigText(const std::string& text, const std::string& baseDir, const 
         ok = false;
       }
     } else if (key == "fault") {
-      const std::string fault = lower(argument);
-      if (fault == "no-answer") {
-        ok = parseBool(value, c.hidFaults.noAnswer, why);
-      } else if (fault == "late-answer-ms") {
-        ok = parseInt(value, 0, 3600000, number, why);
-        c.hidFaults.lateAnswerMs = static_cast<uint32_t>(number);
-      } else if (fault == "wrong-echo") {
-        ok = parseInt(value, -1, 255, number, why);
-        c.hidFaults.wrongEcho = static_cast<int>(number);
-      } else if (fault == "status") {
-        ok = parseInt(value, 0, 255, number, why);
-        c.hidFaults.status = static_cast<uint8_t>(number);
-      } else if (fault == "feature-fails") {
-        ok = parseBool(value, c.hidFaults.featureFails, why);
-      } else if (fault == "only-command") {
-        ok = parseInt(value, -1, 255, number, why);
-        c.hidFaults.onlyCommand = static_cast<int>(number);
-      } else if (fault == "udev-fails") {
-        ok = parseBool(value, c.udevFaults.fails, why);
-      } else if (fault == "udev-garbage") {
-        ok = parseBool(value, c.udevFaults.garbage, why);
-      } else if (fault == "video-without-serial") {
-        ok = parseBool(value, c.udevFaults.videoWithoutSerial, why);
-      } else if (fault == "video-serial") {
-        ok = parseText(value, c.udevFaults.videoSerial, why);
-      } else if (fault == "video-open-fails") {
-        ok = parseBool(value, c.videoFaults.openFails, why);
-      } else if (fault == "video-stops") {
-        ok = parseBool(value, c.videoFaults.stopSending, why);
-      } else if (fault == "video-select-fails") {
-        ok = parseBool(value, c.videoFaults.selectFails, why);
-      } else if (fault == "video-format-errno" || fault == "video-dqbuf-errno" ||
-                 fault == "video-enum-sizes-errno") {
-        ok = parseInt(value, 0, 4095, number, why);
-        (fault == "video-format-errno"  ? c.videoFaults.formatError
-         : fault == "video-dqbuf-errno" ? c.videoFaults.dqbufErrno
-                                        : c.videoFaults.enumSizesErrno) = static_cast<int>(number);
-      } else if (fault == "video-answer-format") {
-        std::string fourcc;
-        ok = parseText(value, fourcc, why);
-        if (ok && fourcc.size() != 4) {
-          why = "a pixel format is four characters, e.g. MJPG";
-          ok = false;
-        }
-        if (ok) {
-          c.videoFaults.answerPixelFormat = static_cast<uint8_t>(fourcc[0]) |
-                                            (static_cast<uint32_t>(static_cast<uint8_t>(fourcc[1])) << 8) |
-                                            (static_cast<uint32_t>(static_cast<uint8_t>(fourcc[2])) << 16) |
-                                            (static_cast<uint32_t>(static_cast<uint8_t>(fourcc[3])) << 24);
-        }
-      } else if (fault == "video-answer-size") {
-        FrameSize answered;
-        ok = parseSize(value + " 1", answered, why);
-        c.videoFaults.answerWidth = answered.width;
-        c.videoFaults.answerHeight = answered.height;
-      } else if (fault == "video-short-frame-bytes") {
-        ok = parseInt(value, 0, 0xFFFFFFFFLL, number, why);
-        c.videoFaults.shortFrameBytes = static_cast<uint32_t>(number);
-      } else {
-        why = "unknown fault '" + argument + "'";
-        ok = false;
-      }
+      ok = applyFault(c, argument, value, why);
     } else {
       why = "unknown key '" + key + "'";
       ok = false;

@@ -15,4 +15,8 @@ bool parseConfig(const std::string& path, std::vector<CameraConfig>& cameras, st
 bool parseConfigText(const std::string& text, const std::string& baseDir, const std::string& name,
                      std::vector<CameraConfig>& cameras, std::string* error);
 
+// One "fault NAME = VALUE" setting of a [camera] section, on config. False
+// with the reason in why.
+bool applyFault(CameraConfig& config, const std::string& name, const std::string& value, std::string& why);
+
 }  // namespace tqsim

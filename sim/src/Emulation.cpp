@@ -5,8 +5,10 @@
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <linux/input.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
@@ -21,15 +23,18 @@
 #include <cstring>
 
 #include "ConfigFile.h"
+#include "Protocol.h"
 #include "StateFile.h"
 
 namespace tqsim {
 
 namespace {
 
-// Set in the child of a fork: the inherited cameras and threads are not ours
-// there, so every call passes through.
+// Set in the child of a fork: the serving threads were not copied, so the
+// child must not join them or remove the parent's state directory at exit.
 std::atomic<bool> gInChild{false};
+
+void forkChild() { gInChild.store(true); }
 
 // hidraw majors are assigned at boot; this is a common one. Video is fixed.
 constexpr unsigned kHidrawMajor = 242;
@@ -91,8 +96,6 @@ std::string findUdevadmDirectory() {
   return {};
 }
 
-void forkChild() { gInChild.store(true); }
-
 // A host that ends with _exit (shells do) cannot remove its directory; the
 // next host removes those whose process is gone. The pid is in the name.
 void removeStaleStateDirectories(const std::string& base) {
@@ -112,6 +115,24 @@ void removeStaleStateDirectories(const std::string& base) {
 }
 
 void shutdownAtExit() { Emulation::instance().shutdown(); }
+
+// What usbhid names a device: manufacturer and product joined by a blank,
+// else the ids.
+std::string usbhidName(const CameraConfig& config) {
+  std::string name = config.manufacturer;
+  if (!config.product.empty()) {
+    if (!name.empty()) name += ' ';
+    name += config.product;
+  }
+  if (name.empty()) {
+    char ids[32];
+    std::snprintf(ids, sizeof ids, "HID %04x:%04x", config.vendorId, config.productId);
+    name = ids;
+  }
+  return name;
+}
+
+std::string hidrawPhys(int port) { return "usb-vhci_hcd.0-" + std::to_string(port) + "/input2"; }
 
 }  // namespace
 
@@ -145,14 +166,25 @@ Emulation& Emulation::instance() {
 
 Emulation* Emulation::ifReady() { return gReady.load(std::memory_order_acquire); }
 
-Emulation::Emulation() { initialise(); }
+// A process of a launcher's tree asks the launcher; any other hosts.
+Emulation::Emulation() { initialise(serverAddress().empty()); }
 
-void Emulation::initialise() {
-  const char* owner = std::getenv(kEnvOwnerPid);
+void Emulation::host() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (initialised_) return;
+  }
+  initialise(true);
+}
+
+void Emulation::initialise(bool asHost) {
+  if (!asHost) return;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (initialised_) return;
+    initialised_ = true;
+  }
   const std::string self = std::to_string(::getpid());
-  if (owner != nullptr && self != owner) return;  // a child of the hosting process: stay inert
-
-  ::setenv(kEnvOwnerPid, self.c_str(), 1);
   ::pthread_atfork(nullptr, nullptr, &forkChild);
   startTimeMs_ = nowMs();
 
@@ -160,23 +192,15 @@ void Emulation::initialise() {
   // Straight to the kernel: our own stat would come back here.
   if (::syscall(SYS_newfstatat, AT_FDCWD, "/dev", &dev, 0) == 0) devfsDevice_ = dev.st_dev;
 
-  // Same process after an exec: the directory is ours now, the old image
-  // cannot remove it any more.
-  const char* inherited = std::getenv(kEnvStateFile);
-  if (owner != nullptr && inherited != nullptr && *inherited != '\0') {
-    statePath_ = inherited;
-    stateDir_ = directoryOf(statePath_);
-  } else {
-    const char* tmp = std::getenv("TMPDIR");
-    const std::string base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
-    removeStaleStateDirectories(base);
-    std::string pattern = base + "/tqsim-" + self + "-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (::mkdtemp(buffer.data()) != nullptr) {
-      stateDir_ = buffer.data();
-      statePath_ = stateDir_ + "/state";
-    }
+  const char* tmp = std::getenv("TMPDIR");
+  const std::string base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+  removeStaleStateDirectories(base);
+  std::string pattern = base + "/tqsim-" + self + "-XXXXXX";
+  std::vector<char> buffer(pattern.begin(), pattern.end());
+  buffer.push_back('\0');
+  if (::mkdtemp(buffer.data()) != nullptr) {
+    stateDir_ = buffer.data();
+    statePath_ = stateDir_ + "/state";
   }
   ownsStateDir_ = !stateDir_.empty();
   if (!statePath_.empty()) ::setenv(kEnvStateFile, statePath_.c_str(), 1);
@@ -191,7 +215,10 @@ void Emulation::initialise() {
     }
   }
 
-  active_ = true;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    active_ = true;
+  }
   std::vector<CameraConfig> configs;
   const char* configPath = std::getenv(kEnvConfig);
   if (configPath != nullptr && *configPath != '\0') {
@@ -209,106 +236,186 @@ void Emulation::initialise() {
 }
 
 bool Emulation::active() const {
-  if (gInChild.load()) return false;
   std::lock_guard<std::mutex> lock(mutex_);
   return active_;
 }
 
 void Emulation::shutdown() {
   if (gInChild.load()) return;  // nothing here belongs to a child
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!active_) return;
-  active_ = false;
-  nodes_.clear();  // joins every serving thread, closes our ends
-  openCount_.store(0, std::memory_order_release);
-  for (Entry& entry : cameras_) entry.camera->setPlugged(false);
-  if (ownsStateDir_) {
-    ::unlink(statePath_.c_str());
-    ::unlink((statePath_ + ".tmp").c_str());
-    ::rmdir(stateDir_.c_str());
+  std::map<int, Node> nodes;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!active_) return;
+    active_ = false;
+    nodes.swap(nodes_);
+    for (Entry& entry : cameras_) entry.camera->setPlugged(false);
+    if (ownsStateDir_) {
+      ::unlink(statePath_.c_str());
+      ::unlink((statePath_ + ".tmp").c_str());
+      ::rmdir(stateDir_.c_str());
+    }
   }
+  // Joins every serving thread and producer, closes our ends.
+  for (auto& [id, node] : nodes) {
+    if (node.video) node.video->shutdown();
+  }
+  nodes.clear();
 }
 
-int Emulation::openNode(const char* path, int flags, bool& handled) {
+void InputFanout::send(const std::vector<uint8_t>& report) {
+  std::lock_guard<std::mutex> lock(mutex);
+  // A reader whose queue is full loses the report, as with the kernel's.
+  for (int socket : sockets) ::send(socket, report.data(), report.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void InputFanout::add(int socket) {
+  std::lock_guard<std::mutex> lock(mutex);
+  sockets.push_back(socket);
+}
+
+void InputFanout::remove(int socket) {
+  std::lock_guard<std::mutex> lock(mutex);
+  sockets.erase(std::remove(sockets.begin(), sockets.end(), socket), sockets.end());
+}
+
+OpenedNode Emulation::openNode(const char* path, int flags, int owner, bool& handled) {
   handled = false;
+  OpenedNode opened;
   const NodeName name = parseNodePath(path);
-  if (name.kind == NodeKind::None || gInChild.load()) return -1;
+  if (name.kind == NodeKind::None) return opened;
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!active_) return -1;
+  if (!active_) return opened;
   const Entry* entry = pluggedWithNodeLocked(name.kind, name.number);
-  if (entry == nullptr) return -1;  // not ours: a real node or ENOENT
+  if (entry == nullptr) return opened;  // not ours: a real node or ENOENT
   handled = true;
-  if (name.kind == NodeKind::Video) {
-    // Video nodes are reached through libv4l2, whose entry points the video
-    // side interposes; a plain open has nothing to talk to.
-    errno = ENODEV;
-    return -1;
-  }
   if ((flags & O_CREAT) != 0 && (flags & O_EXCL) != 0) {
-    errno = EEXIST;
-    return -1;
+    opened.error = EEXIST;
+    return opened;
   }
-  std::unique_ptr<HidrawNode> node = HidrawNode::open(entry->camera, flags);
-  if (!node) return -1;
-  const int fd = node->callerFd();
-  // A stale entry under this number was closed behind our back; drop it.
-  nodes_[fd] = std::move(node);
-  openCount_.store(nodes_.size(), std::memory_order_release);
-  return fd;
+  Node node;
+  node.kind = name.kind;
+  node.owner = owner;
+  node.camera = entry->camera;
+  if (name.kind == NodeKind::Hidraw) {
+    node.hidraw = HidrawNode::open(entry->camera, entry->fanout, flags);
+    if (!node.hidraw) {
+      opened.error = errno != 0 ? errno : ENOMEM;
+      return opened;
+    }
+    opened.fd = node.hidraw->takeCallerFd();
+  } else {
+    if (entry->camera->config().videoFaults.openFails) {
+      opened.error = ENODEV;
+      return opened;
+    }
+    const bool capture = entry->camera->nodeNumbers().video == name.number;
+    int error = 0;
+    node.video = VideoStream::create(entry->camera, capture, flags,
+                                     "usb-vhci_hcd.0-" + std::to_string(entry->port), &error);
+    if (!node.video) {
+      opened.error = error;
+      return opened;
+    }
+    // The caller gets its own descriptor of the stream's eventfd: closing it
+    // (even with a plain close we never see) cannot touch the producer's.
+    opened.fd = ::fcntl(node.video->fd(), (flags & O_CLOEXEC) != 0 ? F_DUPFD_CLOEXEC : F_DUPFD, 0);
+    if (opened.fd < 0) {
+      opened.error = errno;
+      node.video->shutdown();
+      return opened;
+    }
+  }
+  opened.node = nextNode_++;
+  opened.kind = name.kind;
+  opened.camera = entry->camera->id();
+  nodes_.emplace(opened.node, std::move(node));
+  return opened;
 }
 
-bool Emulation::closeNode(int fd) {
-  if (fd < 0 || gInChild.load() || openCount_.load(std::memory_order_acquire) == 0) return false;
-  std::unique_ptr<HidrawNode> node;
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = nodes_.find(fd);
-  if (it == nodes_.end()) return false;
-  node = std::move(it->second);
-  nodes_.erase(it);
-  openCount_.store(nodes_.size(), std::memory_order_release);
-  real::close(fd);
-  node.reset();  // joins the serving thread
-  return true;
+void Emulation::closeNode(int id) {
+  Node node;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = nodes_.find(id);
+    if (it == nodes_.end()) return;
+    node = std::move(it->second);
+    nodes_.erase(it);
+  }
+  // Joined outside the table lock: a producer may be waiting on the camera.
+  if (node.video) node.video->shutdown();
 }
 
-int Emulation::ioctlNode(int fd, unsigned long request, void* arg, bool& handled) {
-  handled = false;
-  if (fd < 0 || gInChild.load() || openCount_.load(std::memory_order_acquire) == 0) return -1;
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = nodes_.find(fd);
-  if (it == nodes_.end()) return -1;
-  if (_IOC_TYPE(request) != 'H') return -1;  // socket-level requests (FIONBIO...) go to the socket
-  handled = true;
-  HidrawNode& node = *it->second;
-  const std::shared_ptr<Camera>& camera = node.camera();
-  if (!node.connected() || !camera->plugged()) {
-    errno = ENODEV;
-    return -1;
+void Emulation::closeOwner(int owner) {
+  std::vector<int> ids;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [id, node] : nodes_) {
+      if (node.owner == owner) ids.push_back(id);
+    }
   }
-  if (arg == nullptr) {
-    errno = EFAULT;
-    return -1;
+  for (int id : ids) closeNode(id);
+}
+
+int64_t Emulation::nodeIoctl(int id, unsigned long request, void* arg) {
+  std::shared_ptr<VideoStream> video;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = nodes_.find(id);
+    if (it == nodes_.end()) return -EBADF;
+    if (it->second.kind == NodeKind::Hidraw) return hidrawIoctlLocked(it->second, request, arg);
+    video = it->second.video;
   }
+  // Outside the table lock: STREAMOFF joins the producer.
+  const int error = video->ioctl(request, arg);
+  return error == 0 ? 0 : -error;
+}
+
+int Emulation::nodeMapFd(int id, uint64_t offset, uint64_t length, int flags, int& fd) {
+  std::shared_ptr<VideoStream> video;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = nodes_.find(id);
+    if (it == nodes_.end()) return EBADF;
+    video = it->second.video;
+  }
+  if (!video) return ENODEV;  // hidraw has no mmap
+  return video->mapFd(offset, length, flags, fd);
+}
+
+int Emulation::nodePollState(int id) {
+  std::shared_ptr<VideoStream> video;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = nodes_.find(id);
+    if (it == nodes_.end()) return -1;
+    video = it->second.video;
+  }
+  return video ? video->pollState() : 0;
+}
+
+int64_t Emulation::hidrawIoctlLocked(Node& node, unsigned long request, void* arg) {
+  const std::shared_ptr<Camera>& camera = node.camera;
+  if (!node.hidraw->connected() || !camera->plugged()) return -ENODEV;
+  // The kernel's hidraw answers other ioctl types EINVAL (FIONREAD too);
+  // FIONBIO, FIOCLEX... never get here, the file layer serves them.
+  if (_IOC_TYPE(request) != 'H') return -EINVAL;
   const unsigned size = _IOC_SIZE(request);
   const unsigned nr = _IOC_NR(request);
+  if (arg == nullptr && size != 0) return -EFAULT;
   // The feature read comes once a chunk: keep it clear of the record copy.
   if (_IOC_DIR(request) == (_IOC_READ | _IOC_WRITE) && nr == _IOC_NR(HIDIOCGFEATURE(0))) {
     std::array<uint8_t, kFeatureReportSize> feature{};
-    if (!camera->featureRead(feature)) {
-      errno = EIO;
-      return -1;
-    }
+    if (!camera->featureRead(feature)) return -EIO;
     const size_t count = std::min<size_t>(size, feature.size());
     std::memcpy(arg, feature.data(), count);
-    return static_cast<int>(count);
+    return static_cast<int64_t>(count);
   }
   const CameraConfig config = camera->config();
-  auto copyText = [&](const std::string& text) {
+  // Like the kernel: strlen + 1 bytes, cut to the buffer (then unterminated).
+  auto copyText = [&](const std::string& text) -> int64_t {
     const size_t count = std::min<size_t>(text.size() + 1, size);
-    if (count == 0) return 0;
     std::memcpy(arg, text.c_str(), count);
-    static_cast<char*>(arg)[count - 1] = '\0';
-    return static_cast<int>(count);
+    return static_cast<int64_t>(count);
   };
   if (request == HIDIOCGRAWINFO) {
     hidraw_devinfo info{};
@@ -326,29 +433,23 @@ int Emulation::ioctlNode(int fd, unsigned long request, void* arg, bool& handled
   if (request == HIDIOCGRDESC) {
     hidraw_report_descriptor descriptor{};
     std::memcpy(&descriptor.size, arg, sizeof descriptor.size);
-    if (descriptor.size > sizeof kReportDescriptor) {
-      errno = EINVAL;
-      return -1;
-    }
+    if (descriptor.size > sizeof kReportDescriptor) return -EINVAL;
     std::memcpy(static_cast<uint8_t*>(arg) + sizeof descriptor.size, kReportDescriptor, descriptor.size);
     return 0;
   }
   const bool reads = (_IOC_DIR(request) & _IOC_READ) != 0;
-  if (reads && nr == _IOC_NR(HIDIOCGRAWNAME(0))) return copyText(config.hidProductText);
+  if (reads && nr == _IOC_NR(HIDIOCGRAWNAME(0))) return copyText(usbhidName(config));
   if (reads && nr == _IOC_NR(HIDIOCGRAWPHYS(0))) {
-    auto entryIt =
-        std::find_if(cameras_.begin(), cameras_.end(), [&](const Entry& e) { return e.camera == camera; });
-    const int port = entryIt != cameras_.end() ? entryIt->port : 1;
-    return copyText("usb-vhci_hcd.0-" + std::to_string(port) + "/input2");
+    const Entry* entry = entryLocked(camera);
+    return copyText(hidrawPhys(entry != nullptr ? entry->port : 1));
   }
   if (reads && nr == _IOC_NR(HIDIOCGRAWUNIQ(0))) return copyText(config.serial);
-  errno = ENOTTY;
-  return -1;
+  return -ENOTTY;
 }
 
 bool Emulation::statNode(const char* path, struct stat& out) {
   const NodeName name = parseNodePath(path);
-  if (name.kind == NodeKind::None || gInChild.load()) return false;
+  if (name.kind == NodeKind::None) return false;
   std::lock_guard<std::mutex> lock(mutex_);
   if (!active_) return false;
   const Entry* entry = pluggedWithNodeLocked(name.kind, name.number);
@@ -368,31 +469,106 @@ bool Emulation::statNode(const char* path, struct stat& out) {
   return true;
 }
 
-bool Emulation::statxNode(const char* path, struct statx& out) {
-  struct stat st {};
-  if (!statNode(path, st)) return false;
-  out = {};
-  out.stx_mask = STATX_BASIC_STATS;
-  out.stx_blksize = static_cast<uint32_t>(st.st_blksize);
-  out.stx_nlink = static_cast<uint32_t>(st.st_nlink);
-  out.stx_uid = st.st_uid;
-  out.stx_gid = st.st_gid;
-  out.stx_mode = static_cast<uint16_t>(st.st_mode);
-  out.stx_ino = st.st_ino;
-  auto stamp = [](const timespec& ts) {
-    statx_timestamp t{};
-    t.tv_sec = ts.tv_sec;
-    t.tv_nsec = static_cast<uint32_t>(ts.tv_nsec);
-    return t;
-  };
-  out.stx_atime = stamp(st.st_atim);
-  out.stx_ctime = stamp(st.st_ctim);
-  out.stx_mtime = stamp(st.st_mtim);
-  out.stx_rdev_major = major(st.st_rdev);
-  out.stx_rdev_minor = minor(st.st_rdev);
-  out.stx_dev_major = major(st.st_dev);
-  out.stx_dev_minor = minor(st.st_dev);
-  return true;
+int Emulation::control(const std::vector<std::string>& words, std::string& out) {
+  const std::string command = words.empty() ? std::string() : words[0];
+  if (command == "status") {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const Entry& entry : cameras_) {
+      const CameraConfig config = entry.camera->config();
+      out += config.serial + (entry.camera->plugged() ? " plugged" : " unplugged");
+      out += " /dev/hidraw" + std::to_string(config.hidrawNumber) + " /dev/video" +
+             std::to_string(config.videoNumber);
+      if (config.metadataVideoNumber >= 0) out += " /dev/video" + std::to_string(config.metadataVideoNumber);
+      if (entry.camera->plugged()) out += " usb 1-" + std::to_string(entry.port);
+      out += '\n';
+    }
+    return 0;
+  }
+  const bool plugging = command == "plug" || command == "replug";
+  if (!plugging && command != "unplug" && command != "fault") {
+    out = "unknown command '" + command + "'\n";
+    return 2;
+  }
+  if (words.size() < 2 || (command == "fault" && words.size() != 4)) {
+    out = command == "fault" ? "usage: fault SERIAL NAME VALUE\n" : "usage: " + command + " SERIAL\n";
+    return 2;
+  }
+  const std::string& serial = words[1];
+  bool newNodes = false;
+  for (size_t i = 2; plugging && i < words.size(); ++i) {
+    if (words[i] != "--new-nodes") {
+      out = "unknown option '" + words[i] + "'\n";
+      return 2;
+    }
+    newNodes = true;
+  }
+  CameraId id = kNoCamera;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (Entry* entry = entryBySerialLocked(serial)) id = entry->camera->id();
+  }
+  if (id == kNoCamera) {
+    out = "no camera with serial " + serial + "\n";
+    return 1;
+  }
+  if (command == "fault") {
+    std::string why;
+    CameraConfig changed;
+    {
+      std::shared_ptr<Camera> camera = find(id);
+      changed = camera->config();
+    }
+    if (!applyFault(changed, words[2], words[3], why)) {
+      out = why + "\n";
+      return 2;
+    }
+    modify(id, [&](CameraConfig& config) {
+      config.hidFaults = changed.hidFaults;
+      config.videoFaults = changed.videoFaults;
+      config.udevFaults = changed.udevFaults;
+    });
+    return 0;
+  }
+  if (command == "unplug" || command == "replug") unplug(id);
+  if (command == "unplug") return 0;
+  if (newNodes) {
+    // As a camera that comes back while its old numbers are still held: the
+    // lowest numbers no other camera has.
+    std::lock_guard<std::mutex> lock(mutex_);
+    Entry* entry = entryLocked(id);
+    if (!entry->camera->plugged()) {
+      auto taken = [&](NodeKind kind, int number) {
+        for (const Entry& other : cameras_) {
+          if (&other == entry) continue;
+          const Camera::NodeNumbers n = other.camera->nodeNumbers();
+          if (kind == NodeKind::Hidraw ? n.hidraw == number : (n.video == number || n.metadata == number))
+            return true;
+        }
+        return false;
+      };
+      const Camera::NodeNumbers old = entry->camera->nodeNumbers();
+      int hidraw = 0;
+      while (taken(NodeKind::Hidraw, hidraw) || hidraw == old.hidraw) ++hidraw;
+      const int count = old.metadata >= 0 ? 2 : 1;
+      int video = 0;
+      while (taken(NodeKind::Video, video) || (count == 2 && taken(NodeKind::Video, video + 1)) ||
+             video == old.video || video == old.metadata ||
+             (count == 2 && (video + 1 == old.video || video + 1 == old.metadata))) {
+        ++video;
+      }
+      entry->camera->modify([&](CameraConfig& config) {
+        config.hidrawNumber = hidraw;
+        config.videoNumber = video;
+        if (count == 2) config.metadataVideoNumber = video + 1;
+      });
+    }
+  }
+  std::string error;
+  if (!replug(id, &error)) {
+    out = error + "\n";
+    return 1;
+  }
+  return 0;
 }
 
 void Emulation::reset() {
@@ -430,6 +606,7 @@ CameraId Emulation::plug(const CameraConfig& config, std::string* error) {
     }
     Entry entry;
     entry.camera = std::make_shared<Camera>(nextId_++, config);
+    entry.fanout = std::make_shared<InputFanout>();
     cameras_.push_back(entry);
     plugLocked(cameras_.back());
     writeStateLocked();
@@ -548,18 +725,33 @@ bool Emulation::sendEvent(CameraId id, const std::vector<uint8_t>& data) {
   std::lock_guard<std::mutex> lock(mutex_);
   Entry* entry = entryLocked(id);
   if (entry == nullptr || !entry->camera->plugged()) return false;
-  const std::vector<uint8_t> report = Camera::eventReport(data);
-  for (auto& [fd, node] : nodes_) {
-    if (node->camera() == entry->camera) node->sendInput(report);
-  }
+  entry->fanout->send(Camera::eventReport(data));
   return true;
 }
 
 int Emulation::openNodes(CameraId id) const {
   std::lock_guard<std::mutex> lock(mutex_);
   int count = 0;
-  for (const auto& [fd, node] : nodes_) {
-    if (node->camera()->id() == id && node->connected()) ++count;
+  for (const auto& [nodeId, node] : nodes_) {
+    if (node.kind == NodeKind::Hidraw && node.camera->id() == id && node.hidraw->connected()) ++count;
+  }
+  return count;
+}
+
+int Emulation::openVideoNodes(CameraId id) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  int count = 0;
+  for (const auto& [nodeId, node] : nodes_) {
+    if (node.kind == NodeKind::Video && node.camera->id() == id) ++count;
+  }
+  return count;
+}
+
+uint32_t Emulation::videoFramesProduced(CameraId id) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  uint32_t count = 0;
+  for (const auto& [nodeId, node] : nodes_) {
+    if (node.kind == NodeKind::Video && node.camera->id() == id) count += node.video->framesProduced();
   }
   return count;
 }
@@ -589,6 +781,25 @@ std::string Emulation::udevadmDirectory() const {
 std::string Emulation::stateFilePath() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return active_ ? statePath_ : std::string();
+}
+
+std::string Emulation::stateDirectory() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return active_ ? stateDir_ : std::string();
+}
+
+Emulation::Entry* Emulation::entryLocked(const std::shared_ptr<Camera>& camera) {
+  for (Entry& entry : cameras_) {
+    if (entry.camera == camera) return &entry;
+  }
+  return nullptr;
+}
+
+Emulation::Entry* Emulation::entryBySerialLocked(const std::string& serial) {
+  for (Entry& entry : cameras_) {
+    if (entry.camera->config().serial == serial) return &entry;
+  }
+  return nullptr;
 }
 
 Emulation::Entry* Emulation::entryLocked(CameraId id) {
@@ -651,8 +862,10 @@ void Emulation::plugLocked(Entry& entry) {
 
 void Emulation::unplugLocked(Entry& entry) {
   entry.camera->setPlugged(false);
-  for (auto& [fd, node] : nodes_) {
-    if (node->camera() == entry.camera) node->disconnect();
+  for (auto& [id, node] : nodes_) {
+    if (node.camera != entry.camera) continue;
+    if (node.hidraw) node.hidraw->disconnect();
+    if (node.video) node.video->breakStream();
   }
 }
 

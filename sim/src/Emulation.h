@@ -1,10 +1,14 @@
-// The process-wide emulation: the cameras, the open hidraw descriptors, the
-// state file for udevadm and the process set-up. One instance, created before
-// main and never destroyed (interposed calls may come from other static
-// destructors); shutdown() at exit joins and closes what it owns.
+// The cameras and their open nodes, in the process that hosts them (a test
+// binary, or the launcher for its whole process tree), the state file for
+// udevadm and the process set-up. One instance, created before main and never
+// destroyed (interposed calls may come from other static destructors);
+// shutdown() at exit joins and closes what it owns. Nodes are named by ids,
+// not by the caller's descriptors, so the same calls serve this process and
+// the launcher's clients.
 //
-// Lock order: Emulation::mutex_, then a Camera's, then a HidrawNode's. Serving
-// threads take only the latter two, so joining them under mutex_ is safe.
+// Lock order: Emulation::mutex_, then a Camera's, then a HidrawNode's or a
+// VideoStream's; InputFanout::mutex is a leaf. Serving threads and producers
+// never take mutex_, so joining them under it is safe.
 #pragma once
 
 #include <sys/stat.h>
@@ -19,6 +23,7 @@
 #include "Camera.h"
 #include "HidrawNode.h"
 #include "Registry.h"
+#include "VideoStream.h"
 
 struct statx;
 
@@ -34,22 +39,60 @@ struct NodeName {
 // /dev/hidrawN or /dev/videoN (N as the kernel writes it, 0..255), else None.
 NodeName parseNodePath(const char* path);
 
+// The hidraw answers fan out to every reader of a camera, as the kernel copies
+// each input report to every open descriptor. Holds our socket ends only; the
+// mutex is a leaf (nothing else is taken under it).
+struct InputFanout {
+  std::mutex mutex;
+  std::vector<int> sockets;
+  void send(const std::vector<uint8_t>& report);
+  void add(int socket);
+  void remove(int socket);
+};
+
+// A node opened through openNode.
+struct OpenedNode {
+  int error = 0;  // errno value; the rest is valid when 0
+  int node = -1;
+  NodeKind kind = NodeKind::None;
+  int fd = -1;  // the caller's descriptor, owned by the caller
+  CameraId camera = kNoCamera;
+};
+
 class Emulation {
  public:
   static Emulation& instance();
   // The instance once constructed, else null (never constructs).
   static Emulation* ifReady();
 
-  // False in a child of the hosting process and after shutdown.
+  // Hosting the cameras (false in a process of a launcher's tree, which asks
+  // the launcher instead, and after shutdown).
   bool active() const;
+  // Turns a process that started as a client into a host (test binaries and
+  // the launcher itself, on their first use of the control API).
+  void host();
   void shutdown();
 
-  // Interposer back ends. handled = false: not ours, pass the call on.
-  int openNode(const char* path, int flags, bool& handled);
-  bool closeNode(int fd);  // true: it was ours and is closed now (result in errno-free 0)
-  int ioctlNode(int fd, unsigned long request, void* arg, bool& handled);
+  // Nodes, by the id openNode hands out. owner names the connection that
+  // opened them (0: this process), so that a client that goes away leaves
+  // nothing behind. handled = false: not an emulated path.
+  OpenedNode openNode(const char* path, int flags, int owner, bool& handled);
+  void closeNode(int node);
+  void closeOwner(int owner);
+  // >= 0: the ioctl's result; < 0: minus the errno value. arg holds
+  // _IOC_SIZE(request) bytes.
+  int64_t nodeIoctl(int node, unsigned long request, void* arg);
+  // A descriptor of the node's buffer memory for a mapping of length bytes at
+  // offset (the caller maps and closes it), or an errno value.
+  int nodeMapFd(int node, uint64_t offset, uint64_t length, int flags, int& fd);
+  // Poll bits the node's state adds (POLLERR before streaming, POLLERR|POLLHUP
+  // once gone), 0 when the descriptor's own readiness tells all; -1: unknown node.
+  int nodePollState(int node);
   bool statNode(const char* path, struct stat& out);
-  bool statxNode(const char* path, struct statx& out);
+
+  // The launcher's commands from outside (plug, unplug, replug, fault, status);
+  // returns the exit status, text for the user in out.
+  int control(const std::vector<std::string>& words, std::string& out);
 
   // Control.
   void reset();
@@ -64,38 +107,52 @@ class Emulation {
   bool modify(CameraId id, const std::function<void(CameraConfig&)>& fn);
   bool sendEvent(CameraId id, const std::vector<uint8_t>& data);
   int openNodes(CameraId id) const;
+  int openVideoNodes(CameraId id) const;
+  uint32_t videoFramesProduced(CameraId id) const;
   int addListener(PlugListener listener);
   void removeListener(int token);
 
   std::string udevadmDirectory() const;
   std::string stateFilePath() const;
+  std::string stateDirectory() const;
 
  private:
   struct Entry {
     std::shared_ptr<Camera> camera;
+    std::shared_ptr<InputFanout> fanout;
     int port = 0;
     int devnum = 0;
     int hidSequence = 0;
     int64_t plugTimeMs = 0;
   };
+  struct Node {
+    NodeKind kind = NodeKind::None;
+    int owner = 0;
+    std::shared_ptr<Camera> camera;
+    std::unique_ptr<HidrawNode> hidraw;
+    std::shared_ptr<VideoStream> video;
+  };
 
   Emulation();
-  void initialise();
+  void initialise(bool asHost);
   Entry* entryLocked(CameraId id);
+  Entry* entryLocked(const std::shared_ptr<Camera>& camera);
   const Entry* pluggedWithNodeLocked(NodeKind kind, int number) const;
   std::string nodeConflictLocked(const CameraConfig& config, CameraId except) const;
   void plugLocked(Entry& entry);
   void unplugLocked(Entry& entry);
   void writeStateLocked();
   void notify(const std::shared_ptr<Camera>& camera, bool plugged);
+  int64_t hidrawIoctlLocked(Node& node, unsigned long request, void* arg);
+  Entry* entryBySerialLocked(const std::string& serial);
+  std::vector<std::shared_ptr<VideoStream>> streamsLocked(const std::shared_ptr<Camera>& camera) const;
 
   mutable std::mutex mutex_;
   bool active_ = false;
+  bool initialised_ = false;
   std::vector<Entry> cameras_;
-  std::map<int, std::unique_ptr<HidrawNode>> nodes_;  // by the caller's descriptor
-  // nodes_.size(), readable without the lock: close and ioctl of a process
-  // with no hidraw descriptor open skip the lock.
-  std::atomic<size_t> openCount_{0};
+  std::map<int, Node> nodes_;
+  int nextNode_ = 1;
   CameraId nextId_ = 1;
   int nextDevnum_ = 2;
   int nextHidSequence_ = 1;

@@ -1,5 +1,6 @@
 #include "HidrawNode.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -11,18 +12,21 @@
 #include <chrono>
 #include <deque>
 
+#include "Emulation.h"
+
 namespace tqsim {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Larger than any report the library writes (256 bytes), so nothing is cut.
-constexpr size_t kReceiveBuffer = 4096;
+// The largest report the kernel takes in one write.
+constexpr size_t kReceiveBuffer = 16384;
 
 }  // namespace
 
-std::unique_ptr<HidrawNode> HidrawNode::open(std::shared_ptr<Camera> camera, int flags) {
+std::unique_ptr<HidrawNode> HidrawNode::open(std::shared_ptr<Camera> camera,
+                                             std::shared_ptr<InputFanout> fanout, int flags) {
   int ends[2] = {-1, -1};
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return nullptr;
   UniqueFd caller(ends[0]);
@@ -32,27 +36,30 @@ std::unique_ptr<HidrawNode> HidrawNode::open(std::shared_ptr<Camera> camera, int
   if ((flags & O_CLOEXEC) == 0 && ::fcntl(caller.get(), F_SETFD, 0) != 0) return nullptr;
   if ((flags & O_NONBLOCK) != 0 && ::fcntl(caller.get(), F_SETFL, O_NONBLOCK) != 0) return nullptr;
 
-  std::unique_ptr<HidrawNode> node(
-      new HidrawNode(std::move(camera), caller.get(), std::move(ours), std::move(wake)));
-  struct stat info {};
-  if (::fstat(node->callerFd_, &info) == 0) {
-    node->callerDev_ = info.st_dev;
-    node->callerIno_ = info.st_ino;
-  }
+  std::unique_ptr<HidrawNode> node(new HidrawNode(std::move(camera), std::move(fanout), std::move(caller),
+                                                  std::move(ours), std::move(wake)));
+  node->fanout_->add(node->ours_.get());
   try {
     node->thread_ = std::thread([n = node.get()] { n->serve(); });
   } catch (...) {
     errno = EAGAIN;
-    return nullptr;  // caller's end closed by its UniqueFd
+    return nullptr;
   }
-  caller.release();
   return node;
 }
 
-HidrawNode::HidrawNode(std::shared_ptr<Camera> camera, int callerFd, UniqueFd ours, UniqueFd wake)
-    : camera_(std::move(camera)), callerFd_(callerFd), ours_(std::move(ours)), wake_(std::move(wake)) {}
+HidrawNode::HidrawNode(std::shared_ptr<Camera> camera, std::shared_ptr<InputFanout> fanout, UniqueFd caller,
+                       UniqueFd ours, UniqueFd wake)
+    : camera_(std::move(camera)),
+      fanout_(std::move(fanout)),
+      caller_(std::move(caller)),
+      ours_(std::move(ours)),
+      wake_(std::move(wake)) {}
 
-HidrawNode::~HidrawNode() { stop(); }
+HidrawNode::~HidrawNode() {
+  if (ours_.valid()) fanout_->remove(ours_.get());
+  stop();
+}
 
 bool HidrawNode::connected() const {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -68,34 +75,16 @@ void HidrawNode::stop() {
   thread_.join();
 }
 
-void HidrawNode::sendInput(const std::vector<uint8_t>& report) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!connected_) return;
-  ::send(ours_.get(), report.data(), report.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-}
-
 void HidrawNode::disconnect() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!connected_) return;
     connected_ = false;
-    // Only take the number over while it still is our socket: a caller that
-    // closed it behind our back (close_range, a raw syscall) may reuse it.
-    struct stat info {};
-    if (::fstat(callerFd_, &info) == 0 && info.st_dev == callerDev_ && info.st_ino == callerIno_) {
-      // A directory: select reports it readable (the kernel reports a gone
-      // hidraw node with POLLERR | POLLHUP), read fails (EISDIR where the
-      // kernel says EIO) and write fails (EBADF where it says ENODEV).
-      UniqueFd dead(real::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
-      const int fdFlags = ::fcntl(callerFd_, F_GETFD);
-      if (dead.valid()) {
-        ::dup3(dead.get(), callerFd_, (fdFlags >= 0 && (fdFlags & FD_CLOEXEC)) ? O_CLOEXEC : 0);
-      }
-    }
   }
+  if (ours_.valid()) fanout_->remove(ours_.get());
   stop();
-  // Closing our end wakes a select still waiting: it then looks at the
-  // descriptor again and finds the dead one readable.
+  // The caller's end now reports a hang-up and wakes a reader waiting in
+  // select or poll.
   ours_.reset();
 }
 
@@ -107,7 +96,8 @@ void HidrawNode::serve() {
   std::deque<Pending> pending;
   Clock::time_point lastDue = Clock::now();
   bool callerOpen = true;
-  uint8_t buffer[kReceiveBuffer];
+  std::vector<uint8_t> storage(kReceiveBuffer);
+  uint8_t* buffer = storage.data();
 
   try {
     for (;;) {
@@ -122,7 +112,7 @@ void HidrawNode::serve() {
       if (fds[0].revents != 0) return;
 
       if (fds[1].revents != 0) {
-        const ssize_t n = ::recv(ours_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+        const ssize_t n = ::recv(ours_.get(), buffer, kReceiveBuffer, MSG_DONTWAIT);
         if (n > 0) {
           // Commands are served one after another, so a late answer also
           // holds back the answers of the commands behind it.
@@ -130,20 +120,16 @@ void HidrawNode::serve() {
             lastDue = std::max(Clock::now() + answer.delay, lastDue);
             pending.push_back({lastDue, std::move(answer.report)});
           }
-        } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+        } else if ((n == 0 && (fds[1].revents & POLLHUP) != 0) ||
+                   (n < 0 && errno != EAGAIN && errno != EINTR)) {
           callerOpen = false;  // the caller's end is gone
         }
       }
 
       const auto now = Clock::now();
       while (!pending.empty() && pending.front().due <= now) {
-        if (camera_->plugged()) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          if (connected_) {
-            ::send(ours_.get(), pending.front().report.data(), pending.front().report.size(),
-                   MSG_DONTWAIT | MSG_NOSIGNAL);
-          }
-        }
+        // Every reader of the camera gets the answer, as from the kernel.
+        if (camera_->plugged()) fanout_->send(pending.front().report);
         pending.pop_front();
       }
     }

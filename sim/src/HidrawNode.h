@@ -1,7 +1,7 @@
 // One open descriptor of an emulated /dev/hidrawN: the caller's end of a
 // SOCK_SEQPACKET socketpair, so its write/read/select are the real calls, and
 // a serving thread on our end that feeds output reports to the camera and
-// sends the answers when they are due.
+// sends the answers when they are due, to every reader of the camera.
 #pragma once
 
 #include <sys/types.h>
@@ -11,15 +11,19 @@
 #include <thread>
 
 #include "Camera.h"
+#include "RealCalls.h"
 #include "UniqueFd.h"
 
 namespace tqsim {
+
+struct InputFanout;
 
 class HidrawNode {
  public:
   // Opens a node for the camera with open(2)'s flags (O_NONBLOCK and O_CLOEXEC
   // honoured). Null with errno set when the socketpair or thread fails.
-  static std::unique_ptr<HidrawNode> open(std::shared_ptr<Camera> camera, int flags);
+  static std::unique_ptr<HidrawNode> open(std::shared_ptr<Camera> camera, std::shared_ptr<InputFanout> fanout,
+                                          int flags);
 
   HidrawNode(const HidrawNode&) = delete;
   HidrawNode& operator=(const HidrawNode&) = delete;
@@ -27,29 +31,25 @@ class HidrawNode {
   // descriptor is the caller's to close.
   ~HidrawNode();
 
-  int callerFd() const { return callerFd_; }
+  // The caller's end, once: from then on the caller owns it.
+  int takeCallerFd() { return caller_.release(); }
   const std::shared_ptr<Camera>& camera() const { return camera_; }
   bool connected() const;
 
-  // Queues an unsolicited input report (an event); dropped when the caller
-  // does not read, as the kernel drops reports nobody reads.
-  void sendInput(const std::vector<uint8_t>& report);
-
-  // The camera went away: the caller's descriptor number is taken over by a
-  // dead descriptor (select reports it readable, reads and writes fail, as
-  // with a gone hidraw node) and serving stops. ioctls on it are answered
-  // ENODEV by the interposer.
+  // The camera went away: serving stops and our end closes, so the caller's
+  // end reports a hang-up; the interposer turns that into the errors of a
+  // gone hidraw node.
   void disconnect();
 
  private:
-  HidrawNode(std::shared_ptr<Camera> camera, int callerFd, UniqueFd ours, UniqueFd wake);
+  HidrawNode(std::shared_ptr<Camera> camera, std::shared_ptr<InputFanout> fanout, UniqueFd caller,
+             UniqueFd ours, UniqueFd wake);
   void serve();
   void stop();
 
   std::shared_ptr<Camera> camera_;
-  const int callerFd_;  // owned by the caller
-  dev_t callerDev_ = 0;
-  ino_t callerIno_ = 0;
+  std::shared_ptr<InputFanout> fanout_;
+  UniqueFd caller_;
   UniqueFd ours_;
   UniqueFd wake_;  // eventfd that ends the serving thread
   mutable std::mutex mutex_;

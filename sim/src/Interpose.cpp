@@ -5,17 +5,24 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <vector>
 
 #include "Emulation.h"
+#include "Frontend.h"
 #include "RealCalls.h"
 
 using tqsim::Emulation;
@@ -53,7 +60,9 @@ int openEmulated(const char* path, int flags, bool& handled) {
   handled = false;
   if (!maybeNode(path)) return -1;
   try {
-    return Emulation::instance().openNode(path, flags, handled);
+    int fd = -1;
+    handled = tqsim::front::open(path, flags, fd);
+    return fd;
   } catch (...) {
     handled = true;
     errno = ENOMEM;
@@ -66,7 +75,7 @@ bool statEmulated(const char* path, void* buf, int& result) {
   if (!maybeNode(path)) return false;
   try {
     struct stat st {};
-    if (!Emulation::instance().statNode(path, st)) return false;
+    if (!tqsim::front::stat(path, st)) return false;
     if (buf == nullptr) {
       errno = EFAULT;
       result = -1;
@@ -86,6 +95,88 @@ bool accessEmulated(const char* path) {
   return statEmulated(path, &st, result);
 }
 
+void toStatx(const struct stat& st, struct statx& out) {
+  out = {};
+  out.stx_mask = STATX_BASIC_STATS;
+  out.stx_blksize = static_cast<uint32_t>(st.st_blksize);
+  out.stx_nlink = static_cast<uint32_t>(st.st_nlink);
+  out.stx_uid = st.st_uid;
+  out.stx_gid = st.st_gid;
+  out.stx_mode = static_cast<uint16_t>(st.st_mode);
+  out.stx_ino = st.st_ino;
+  auto stamp = [](const timespec& ts) {
+    statx_timestamp t{};
+    t.tv_sec = ts.tv_sec;
+    t.tv_nsec = static_cast<uint32_t>(ts.tv_nsec);
+    return t;
+  };
+  out.stx_atime = stamp(st.st_atim);
+  out.stx_ctime = stamp(st.st_ctim);
+  out.stx_mtime = stamp(st.st_mtim);
+  out.stx_rdev_major = major(st.st_rdev);
+  out.stx_rdev_minor = minor(st.st_rdev);
+  out.stx_dev_major = major(st.st_dev);
+  out.stx_dev_minor = minor(st.st_dev);
+}
+
+// select and pselect over poll, when an emulated node is in the sets: the
+// node's own state (before STREAMON, gone) decides, as a driver's poll does.
+int selectThroughPoll(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, int timeoutMs,
+                      const sigset_t* mask) {
+  std::vector<pollfd> fds;
+  for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd) {
+    short events = 0;
+    if (readfds != nullptr && FD_ISSET(fd, readfds)) events |= POLLIN;
+    if (writefds != nullptr && FD_ISSET(fd, writefds)) events |= POLLOUT;
+    if (exceptfds != nullptr && FD_ISSET(fd, exceptfds)) events |= POLLPRI;
+    if (events != 0) fds.push_back({fd, events, 0});
+  }
+  const int ready = tqsim::front::poll(fds.data(), fds.size(), timeoutMs, mask);
+  if (ready < 0) return ready;
+  for (const pollfd& p : fds) {
+    if ((p.revents & POLLNVAL) != 0) {
+      errno = EBADF;
+      return -1;
+    }
+  }
+  int count = 0;
+  for (const pollfd& p : fds) {
+    const bool r = (p.events & POLLIN) != 0 && (p.revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+    const bool w = (p.events & POLLOUT) != 0 && (p.revents & (POLLOUT | POLLERR)) != 0;
+    const bool x = (p.events & POLLPRI) != 0 && (p.revents & POLLPRI) != 0;
+    if (readfds != nullptr && !r) FD_CLR(p.fd, readfds);
+    if (writefds != nullptr && !w) FD_CLR(p.fd, writefds);
+    if (exceptfds != nullptr && !x) FD_CLR(p.fd, exceptfds);
+    count += static_cast<int>(r) + static_cast<int>(w) + static_cast<int>(x);
+  }
+  return count;
+}
+
+bool setsHoldNode(int nfds, const fd_set* readfds, const fd_set* writefds, const fd_set* exceptfds) {
+  if (!tqsim::front::anyOpen()) return false;
+  for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd) {
+    const bool asked = (readfds != nullptr && FD_ISSET(fd, readfds)) ||
+                       (writefds != nullptr && FD_ISSET(fd, writefds)) ||
+                       (exceptfds != nullptr && FD_ISSET(fd, exceptfds));
+    if (asked && tqsim::front::isNode(fd)) return true;
+  }
+  return false;
+}
+
+bool pollHoldsNode(const pollfd* fds, nfds_t count) {
+  if (!tqsim::front::anyOpen()) return false;
+  for (nfds_t i = 0; i < count; ++i) {
+    if (tqsim::front::isNode(fds[i].fd)) return true;
+  }
+  return false;
+}
+
+int toMs(const timespec* ts) {
+  if (ts == nullptr) return -1;
+  const int64_t ms = static_cast<int64_t>(ts->tv_sec) * 1000 + (ts->tv_nsec + 999999) / 1000000;
+  return static_cast<int>(std::min<int64_t>(ms, INT32_MAX));
+}
+
 }  // namespace
 
 // The __xstat family is what binaries built against glibc before 2.33 call.
@@ -100,6 +191,9 @@ int __open_2(const char* path, int flags);
 int __open64_2(const char* path, int flags);
 int __openat_2(int dirfd, const char* path, int flags);
 int __openat64_2(int dirfd, const char* path, int flags);
+ssize_t __read_chk(int fd, void* buffer, size_t count, size_t size);
+int __poll_chk(pollfd* fds, nfds_t count, int timeoutMs, size_t size);
+void* mmap64(void* addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept;
 }
 
 // The optional mode argument of the open family (read only when flags say it
@@ -170,10 +264,10 @@ int __openat64_2(int dirfd, const char* path, int flags) {
 }
 
 int close(int fd) {
-  // No node can exist before the emulation is up, so never construct it here.
-  if (Emulation* emulation = Emulation::ifReady()) {
+  if (tqsim::front::anyOpen()) {
     try {
-      if (emulation->closeNode(fd)) return 0;
+      int result = 0;
+      if (tqsim::front::close(fd, result)) return result;
     } catch (...) {
     }
   }
@@ -185,17 +279,90 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   va_start(args, request);
   void* arg = va_arg(args, void*);
   va_end(args);
-  if (Emulation* emulation = Emulation::ifReady()) {
+  if (tqsim::front::anyOpen()) {
     try {
-      bool handled = false;
-      const int result = emulation->ioctlNode(fd, request, arg, handled);
-      if (handled) return result;
+      int result = 0;
+      if (tqsim::front::ioctl(fd, request, arg, result)) return result;
     } catch (...) {
       errno = ENOMEM;
       return -1;
     }
   }
   return tqsim::real::ioctl(fd, request, arg);
+}
+
+ssize_t read(int fd, void* buffer, size_t count) {
+  ssize_t result = 0;
+  if (tqsim::front::anyOpen() && tqsim::front::read(fd, buffer, count, result)) return result;
+  return tqsim::real::read(fd, buffer, count);
+}
+
+ssize_t __read_chk(int fd, void* buffer, size_t count, size_t size) {
+  (void)size;
+  return read(fd, buffer, count);
+}
+
+ssize_t write(int fd, const void* buffer, size_t count) {
+  ssize_t result = 0;
+  if (tqsim::front::anyOpen() && tqsim::front::write(fd, buffer, count, result)) return result;
+  return tqsim::real::write(fd, buffer, count);
+}
+
+void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
+  if (fd >= 0 && tqsim::front::anyOpen()) {
+    try {
+      void* result = nullptr;
+      if (tqsim::front::mmap(addr, length, prot, flags, fd, offset, result)) return result;
+    } catch (...) {
+      errno = ENOMEM;
+      return MAP_FAILED;
+    }
+  }
+  return tqsim::real::mmap(addr, length, prot, flags, fd, offset);
+}
+
+void* mmap64(void* addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
+  return mmap(addr, length, prot, flags, fd, offset);
+}
+
+int munmap(void* addr, size_t length) noexcept {
+  if (tqsim::front::anyMapped()) tqsim::front::forgetMapping(addr);
+  return tqsim::real::munmap(addr, length);
+}
+
+int poll(pollfd* fds, nfds_t count, int timeoutMs) {
+  if (pollHoldsNode(fds, count)) return tqsim::front::poll(fds, count, timeoutMs, nullptr);
+  const timespec wait{timeoutMs / 1000, (timeoutMs % 1000) * 1000000L};
+  return tqsim::real::ppoll(fds, count, timeoutMs < 0 ? nullptr : &wait, nullptr);
+}
+
+int __poll_chk(pollfd* fds, nfds_t count, int timeoutMs, size_t size) {
+  (void)size;
+  return poll(fds, count, timeoutMs);
+}
+
+int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask) {
+  if (pollHoldsNode(fds, count)) return tqsim::front::poll(fds, count, toMs(timeout), mask);
+  return tqsim::real::ppoll(fds, count, timeout, mask);
+}
+
+int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, timeval* timeout) {
+  if (setsHoldNode(nfds, readfds, writefds, exceptfds)) {
+    const int ms =
+        timeout == nullptr ? -1 : static_cast<int>(timeout->tv_sec * 1000 + (timeout->tv_usec + 999) / 1000);
+    return selectThroughPoll(nfds, readfds, writefds, exceptfds, ms, nullptr);
+  }
+  TQSIM_NEXT(select, int (*)(int, fd_set*, fd_set*, fd_set*, timeval*), nfds, readfds, writefds, exceptfds,
+             timeout);
+}
+
+int pselect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, const timespec* timeout,
+            const sigset_t* mask) {
+  if (setsHoldNode(nfds, readfds, writefds, exceptfds)) {
+    return selectThroughPoll(nfds, readfds, writefds, exceptfds, toMs(timeout), mask);
+  }
+  TQSIM_NEXT(pselect, int (*)(int, fd_set*, fd_set*, fd_set*, const timespec*, const sigset_t*), nfds,
+             readfds, writefds, exceptfds, timeout, mask);
 }
 
 int stat(const char* path, struct stat* buf) noexcept {
@@ -237,9 +404,11 @@ int fstatat64(int dirfd, const char* path, struct stat64* buf, int flags) noexce
 int statx(int dirfd, const char* path, int flags, unsigned int mask, struct statx* buf) noexcept {
   if (maybeNode(path)) {
     try {
-      struct statx st {};
-      if (Emulation::instance().statxNode(path, st)) {
-        std::memcpy(static_cast<void*>(buf), &st, sizeof st);
+      struct stat st {};
+      if (tqsim::front::stat(path, st)) {
+        struct statx converted {};
+        toStatx(st, converted);
+        std::memcpy(static_cast<void*>(buf), &converted, sizeof converted);
         return 0;
       }
     } catch (...) {

@@ -52,4 +52,40 @@ int ioctl(int fd, unsigned long request, void* arg) {
   return fn(fd, request, arg);
 }
 
+ssize_t read(int fd, void* buffer, size_t count) {
+  static std::atomic<void*> slot{nullptr};
+  auto fn = next<ssize_t (*)(int, void*, size_t)>(slot, "read");
+  if (fn == nullptr) return ::syscall(SYS_read, fd, buffer, count);
+  return fn(fd, buffer, count);
+}
+
+ssize_t write(int fd, const void* buffer, size_t count) {
+  static std::atomic<void*> slot{nullptr};
+  auto fn = next<ssize_t (*)(int, const void*, size_t)>(slot, "write");
+  if (fn == nullptr) return ::syscall(SYS_write, fd, buffer, count);
+  return fn(fd, buffer, count);
+}
+
+int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask) {
+  static std::atomic<void*> slot{nullptr};
+  auto fn = next<int (*)(pollfd*, nfds_t, const timespec*, const sigset_t*)>(slot, "ppoll");
+  if (fn == nullptr) return static_cast<int>(::syscall(SYS_ppoll, fds, count, timeout, mask, _NSIG / 8));
+  return fn(fds, count, timeout, mask);
+}
+
+void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) {
+  static std::atomic<void*> slot{nullptr};
+  auto fn = next<void* (*)(void*, size_t, int, int, int, off_t)>(slot, "mmap");
+  if (fn == nullptr)
+    return reinterpret_cast<void*>(::syscall(SYS_mmap, addr, length, prot, flags, fd, offset));
+  return fn(addr, length, prot, flags, fd, offset);
+}
+
+int munmap(void* addr, size_t length) {
+  static std::atomic<void*> slot{nullptr};
+  auto fn = next<int (*)(void*, size_t)>(slot, "munmap");
+  if (fn == nullptr) return static_cast<int>(::syscall(SYS_munmap, addr, length));
+  return fn(addr, length);
+}
+
 }  // namespace tqsim::real

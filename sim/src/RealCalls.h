@@ -5,6 +5,8 @@
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -16,5 +18,10 @@ int open(const char* path, int flags, mode_t mode);
 int openat(int dirfd, const char* path, int flags, mode_t mode);
 int close(int fd);
 int ioctl(int fd, unsigned long request, void* arg);
+ssize_t read(int fd, void* buffer, size_t count);
+ssize_t write(int fd, const void* buffer, size_t count);
+int ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask);
+void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset);
+int munmap(void* addr, size_t length);
 
 }  // namespace tqsim::real

@@ -8,7 +8,13 @@ namespace tqsim {
 
 namespace {
 
-Emulation& emulation() { return Emulation::instance(); }
+// A process of a launcher's tree that uses the control API (a test binary
+// run under the launcher) hosts cameras of its own from then on.
+Emulation& emulation() {
+  Emulation& instance = Emulation::instance();
+  instance.host();
+  return instance;
+}
 
 }  // namespace
 

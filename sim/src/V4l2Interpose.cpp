@@ -1,26 +1,19 @@
-// libv4l2 talks to devices with direct system calls, so the emulated video
-// nodes are served by taking over libv4l2's entry points: descriptors of
-// emulated nodes go to their VideoStream, everything else to the real libv4l2.
-// select is wrapped too, so that a node that went away reports EBADF to a
-// waiting client the way an unplugged device ends a capture loop.
+// libv4l2 talks to devices with direct system calls, so a program that uses
+// it (this library does) would miss the emulated video nodes: its entry points
+// are taken over too. Descriptors of emulated nodes go where the plain calls
+// go (Frontend), everything else to the real libv4l2.
 #include <dlfcn.h>
 #include <sys/mman.h>
-#include <sys/select.h>
 #include <tqsim/VideoStatus.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
-#include <map>
-#include <memory>
-#include <mutex>
 
-#include "Camera.h"
+#include "Emulation.h"
+#include "Frontend.h"
 #include "RealCalls.h"
-#include "Registry.h"
-#include "VideoStream.h"
 
 namespace tqsim {
 namespace {
@@ -30,7 +23,6 @@ using CloseFn = int (*)(int);
 using IoctlFn = int (*)(int, unsigned long, ...);
 using MmapFn = void* (*)(void*, size_t, int, int, int, int64_t);
 using MunmapFn = int (*)(void*, size_t);
-using SelectFn = int (*)(int, fd_set*, fd_set*, fd_set*, timeval*);
 
 template <typename Fn>
 Fn nextSymbol(const char* name) {
@@ -44,128 +36,13 @@ Fn nextSymbol(const char* name) {
   return reinterpret_cast<Fn>(sym);
 }
 
-struct Mapping {
-  size_t length;
-  CameraId camera;
-};
-
-class VideoTable {
- public:
-  static VideoTable& instance() {
-    // Never destroyed: interposed calls may arrive during static destruction.
-    static VideoTable* table = new VideoTable();
-    return *table;
-  }
-
-  int open(const std::shared_ptr<Camera>& camera, bool captureNode) {
-    ensurePlugListener();
-    int error = 0;
-    std::shared_ptr<VideoStream> stream(VideoStream::create(camera, captureNode, &error));
-    if (!stream) {
-      errno = error;
-      return -1;
-    }
-    std::lock_guard<std::mutex> lock(mutex_);
-    streams_[stream->fd()] = stream;
-    return stream->fd();
-  }
-
-  std::shared_ptr<VideoStream> find(int fd) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = streams_.find(fd);
-    return it == streams_.end() ? nullptr : it->second;
-  }
-
-  // Removes and shuts the stream down; the descriptor is closed last so its
-  // number cannot be reused while the table still names it.
-  bool close(int fd) {
-    std::shared_ptr<VideoStream> stream;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      auto it = streams_.find(fd);
-      if (it == streams_.end()) return false;
-      stream = std::move(it->second);
-      streams_.erase(it);
-    }
-    stream->shutdown();
-    tqsim::real::close(fd);
-    return true;
-  }
-
-  void breakStreams(CameraId camera) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& [fd, stream] : streams_)
-      if (stream->cameraId() == camera) stream->breakStream();
-  }
-
-  bool anyBroken(int nfds, const fd_set* sets[3]) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& [fd, stream] : streams_) {
-      if (fd >= nfds || fd >= FD_SETSIZE || !stream->broken()) continue;
-      for (int i = 0; i < 3; ++i)
-        if (sets[i] && FD_ISSET(fd, sets[i])) return true;
-    }
-    return false;
-  }
-
-  void addMapping(void* addr, size_t length, CameraId camera) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    mappings_[addr] = Mapping{length, camera};
-  }
-
-  bool removeMapping(void* addr) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return mappings_.erase(addr) != 0;
-  }
-
-  int openNodes(CameraId camera) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (auto& [fd, stream] : streams_)
-      if (stream->cameraId() == camera) ++n;
-    return n;
-  }
-
-  size_t mappings(CameraId camera) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    size_t n = 0;
-    for (auto& [addr, m] : mappings_)
-      if (m.camera == camera) ++n;
-    return n;
-  }
-
-  uint32_t framesProduced(CameraId camera) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    uint32_t n = 0;
-    for (auto& [fd, stream] : streams_)
-      if (stream->cameraId() == camera) n += stream->framesProduced();
-    return n;
-  }
-
- private:
-  void ensurePlugListener() {
-    std::call_once(listenerOnce_, [this] {
-      addPlugListener([this](const std::shared_ptr<Camera>& camera, bool plugged) {
-        if (!plugged && camera) breakStreams(camera->id());
-      });
-    });
-  }
-
-  std::mutex mutex_;
-  std::map<int, std::shared_ptr<VideoStream>> streams_;
-  std::map<void*, Mapping> mappings_;
-  std::once_flag listenerOnce_;
-};
-
 }  // namespace
 
-int openVideoNodes(CameraId id) { return VideoTable::instance().openNodes(id); }
-size_t videoMappings(CameraId id) { return VideoTable::instance().mappings(id); }
-uint32_t videoFramesProduced(CameraId id) { return VideoTable::instance().framesProduced(id); }
+int openVideoNodes(CameraId id) { return front::openVideoNodes(id); }
+size_t videoMappings(CameraId id) { return front::videoMappings(id); }
+uint32_t videoFramesProduced(CameraId id) { return Emulation::instance().videoFramesProduced(id); }
 
 }  // namespace tqsim
-
-using tqsim::VideoTable;
 
 extern "C" {
 
@@ -174,15 +51,8 @@ __attribute__((visibility("default"))) int v4l2_open(const char* file, int oflag
   va_start(ap, oflag);
   const mode_t mode = static_cast<mode_t>(va_arg(ap, int));
   va_end(ap);
-  if (file && tqsim::simActive()) {
-    if (auto camera = tqsim::findCameraByVideoPath(file)) {
-      if (camera->config().videoFaults.openFails) {
-        errno = ENODEV;
-        return -1;
-      }
-      return VideoTable::instance().open(camera, camera->isCaptureNode(file));
-    }
-  }
+  int fd = -1;
+  if (tqsim::front::open(file, oflag, fd)) return fd;
   static const auto next = tqsim::nextSymbol<tqsim::OpenFn>("v4l2_open");
   if (!next) {
     errno = ENOSYS;
@@ -192,7 +62,8 @@ __attribute__((visibility("default"))) int v4l2_open(const char* file, int oflag
 }
 
 __attribute__((visibility("default"))) int v4l2_close(int fd) {
-  if (VideoTable::instance().close(fd)) return 0;
+  int result = 0;
+  if (tqsim::front::close(fd, result)) return result;
   static const auto next = tqsim::nextSymbol<tqsim::CloseFn>("v4l2_close");
   return next ? next(fd) : tqsim::real::close(fd);
 }
@@ -202,12 +73,9 @@ __attribute__((visibility("default"))) int v4l2_ioctl(int fd, unsigned long requ
   va_start(ap, request);
   void* arg = va_arg(ap, void*);
   va_end(ap);
-  if (auto stream = VideoTable::instance().find(fd)) {
-    const int err = stream->ioctl(request, arg);
-    if (err == 0) return 0;
-    errno = err;
-    return -1;
-  }
+  int result = 0;
+  if (tqsim::front::ioctl(fd, request, arg, result)) return result;
+  if (tqsim::front::isNode(fd)) return tqsim::real::ioctl(fd, request, arg);  // FIONBIO and the like
   static const auto next = tqsim::nextSymbol<tqsim::IoctlFn>("v4l2_ioctl");
   if (!next) {
     errno = ENOSYS;
@@ -218,16 +86,8 @@ __attribute__((visibility("default"))) int v4l2_ioctl(int fd, unsigned long requ
 
 __attribute__((visibility("default"))) void* v4l2_mmap(void* start, size_t length, int prot, int flags,
                                                        int fd, int64_t offset) {
-  if (auto stream = VideoTable::instance().find(fd)) {
-    int err = 0;
-    void* addr = stream->mmap(length, prot, flags, offset, &err);
-    if (addr == MAP_FAILED) {
-      errno = err;
-      return MAP_FAILED;
-    }
-    VideoTable::instance().addMapping(addr, length, stream->cameraId());
-    return addr;
-  }
+  void* result = nullptr;
+  if (tqsim::front::mmap(start, length, prot, flags, fd, static_cast<off_t>(offset), result)) return result;
   static const auto next = tqsim::nextSymbol<tqsim::MmapFn>("v4l2_mmap");
   if (!next) {
     errno = ENOSYS;
@@ -237,35 +97,9 @@ __attribute__((visibility("default"))) void* v4l2_mmap(void* start, size_t lengt
 }
 
 __attribute__((visibility("default"))) int v4l2_munmap(void* start, size_t length) {
-  if (VideoTable::instance().removeMapping(start)) return ::munmap(start, length);
+  if (tqsim::front::forgetMapping(start)) return tqsim::real::munmap(start, length);
   static const auto next = tqsim::nextSymbol<tqsim::MunmapFn>("v4l2_munmap");
-  return next ? next(start, length) : ::munmap(start, length);
-}
-
-__attribute__((visibility("default"))) int select(int nfds, fd_set* readfds, fd_set* writefds,
-                                                  fd_set* exceptfds, timeval* timeout) {
-  static const auto next = reinterpret_cast<tqsim::SelectFn>(dlsym(RTLD_NEXT, "select"));
-  auto& table = VideoTable::instance();
-  // Keep the sets asked for: a node may go away while we wait.
-  fd_set in[3];
-  const fd_set* asked[3] = {readfds, writefds, exceptfds};
-  const fd_set* copies[3] = {nullptr, nullptr, nullptr};
-  for (int i = 0; i < 3; ++i) {
-    if (asked[i]) {
-      in[i] = *asked[i];
-      copies[i] = &in[i];
-    }
-  }
-  if (table.anyBroken(nfds, copies)) {
-    errno = EBADF;
-    return -1;
-  }
-  int rc = next(nfds, readfds, writefds, exceptfds, timeout);
-  if (rc > 0 && table.anyBroken(nfds, copies)) {
-    errno = EBADF;
-    return -1;
-  }
-  return rc;
+  return next ? next(start, length) : tqsim::real::munmap(start, length);
 }
 
 }  // extern "C"

@@ -1,5 +1,7 @@
 #include "VideoStream.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <tqsim/FramePattern.h>
@@ -41,19 +43,26 @@ size_t pageAligned(size_t n) {
 
 }  // namespace
 
-std::unique_ptr<VideoStream> VideoStream::create(std::shared_ptr<Camera> camera, bool captureNode,
-                                                 int* error) {
-  // Semaphore mode: one read consumes one finished frame.
-  int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
+std::unique_ptr<VideoStream> VideoStream::create(std::shared_ptr<Camera> camera, bool captureNode, int flags,
+                                                 std::string busInfo, int* error) {
+  // Semaphore mode: one read consumes one finished frame. The caller's
+  // descriptor shares the file's flags, so O_NONBLOCK is the caller's choice;
+  // our own reads look first and never block.
+  int fd = eventfd(0, EFD_CLOEXEC | EFD_SEMAPHORE | ((flags & O_NONBLOCK) != 0 ? EFD_NONBLOCK : 0));
   if (fd == -1) {
     if (error) *error = errno;
     return nullptr;
   }
-  return std::unique_ptr<VideoStream>(new VideoStream(std::move(camera), captureNode, fd));
+  return std::unique_ptr<VideoStream>(
+      new VideoStream(std::move(camera), captureNode, std::move(busInfo), fd));
 }
 
-VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, int eventFd)
-    : camera_(std::move(camera)), cameraId_(camera_->id()), captureNode_(captureNode), eventFd_(eventFd) {
+VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, std::string busInfo, int eventFd)
+    : camera_(std::move(camera)),
+      cameraId_(camera_->id()),
+      captureNode_(captureNode),
+      busInfo_(std::move(busInfo)),
+      eventFd_(eventFd) {
   const CameraConfig config = camera_->config();
   if (!config.video.sizes.empty()) {
     const FrameSize& first = config.video.sizes.front();
@@ -68,7 +77,10 @@ VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, int e
   sizeImage_ = width_ * height_ * 2;
 }
 
-VideoStream::~VideoStream() { shutdown(); }
+VideoStream::~VideoStream() {
+  shutdown();
+  real::close(eventFd_);
+}
 
 void VideoStream::shutdown() {
   std::unique_lock<std::mutex> lock(mutex_);
@@ -132,7 +144,7 @@ int VideoStream::querycap(v4l2_capability* cap) {
   memset(cap, 0, sizeof(*cap));
   copyText(cap->driver, sizeof(cap->driver), "uvcvideo");
   copyText(cap->card, sizeof(cap->card), config.product);
-  copyText(cap->bus_info, sizeof(cap->bus_info), "usb-0000:00:14.0-1");
+  copyText(cap->bus_info, sizeof(cap->bus_info), busInfo_);
   cap->version = (6u << 16) | (1u << 8);
   cap->device_caps = (captureNode_ ? V4L2_CAP_VIDEO_CAPTURE : V4L2_CAP_META_CAPTURE) | V4L2_CAP_STREAMING |
                      V4L2_CAP_EXT_PIX_FORMAT;
@@ -323,22 +335,25 @@ int VideoStream::reqbufs(v4l2_requestbuffers* req) {
   return 0;
 }
 
-void* VideoStream::mmap(size_t length, int prot, int flags, int64_t offset, int* error) {
+int VideoStream::mapFd(uint64_t offset, uint64_t length, int flags, int& fd) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (broken_) {
-    *error = ENODEV;
-    return MAP_FAILED;
-  }
+  if (broken_) return ENODEV;
   // Only whole buffers, at the offsets QUERYBUF hands out.
-  if (memFd_ == -1 || bufferStride_ == 0 || offset < 0 || static_cast<size_t>(offset) % bufferStride_ != 0 ||
-      static_cast<size_t>(offset) / bufferStride_ >= states_.size() || length == 0 ||
-      length > bufferStride_ || (flags & MAP_SHARED) == 0) {
-    *error = EINVAL;
-    return MAP_FAILED;
+  if (memFd_ == -1 || bufferStride_ == 0 || offset % bufferStride_ != 0 ||
+      offset / bufferStride_ >= states_.size() || length == 0 || length > bufferStride_ ||
+      (flags & MAP_SHARED) == 0) {
+    return EINVAL;
   }
-  void* addr = ::mmap(nullptr, length, prot, MAP_SHARED, memFd_, static_cast<off_t>(offset));
-  if (addr == MAP_FAILED) *error = errno;
-  return addr;
+  fd = ::fcntl(memFd_, F_DUPFD_CLOEXEC, 0);
+  return fd < 0 ? errno : 0;
+}
+
+int VideoStream::pollState() {
+  if (!camera_->plugged()) breakStream();
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (broken_) return POLLERR | POLLHUP;
+  if (!streaming_) return POLLERR;
+  return 0;
 }
 
 void VideoStream::fillBufferInfoLocked(uint32_t index, v4l2_buffer* buf) const {
@@ -449,6 +464,9 @@ bool VideoStream::signalFrameLocked() {
 }
 
 bool VideoStream::consumeFrameSignalLocked() {
+  // The descriptor may be a blocking one: look before reading.
+  pollfd ready{eventFd_, POLLIN, 0};
+  if (::poll(&ready, 1, 0) != 1) return false;
   uint64_t value = 0;
   return read(eventFd_, &value, sizeof(value)) == static_cast<ssize_t>(sizeof(value));
 }

@@ -17,6 +17,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -28,7 +29,10 @@ class VideoStream {
  public:
   // Opens the node for `camera`; null with *error set (errno value) when the
   // eventfd cannot be made.
-  static std::unique_ptr<VideoStream> create(std::shared_ptr<Camera> camera, bool captureNode, int* error);
+  // flags: open(2)'s, O_NONBLOCK decides whether DQBUF waits. busInfo: the
+  // USB path QUERYCAP reports.
+  static std::unique_ptr<VideoStream> create(std::shared_ptr<Camera> camera, bool captureNode, int flags,
+                                             std::string busInfo, int* error);
   ~VideoStream();
   VideoStream(const VideoStream&) = delete;
   VideoStream& operator=(const VideoStream&) = delete;
@@ -38,8 +42,11 @@ class VideoStream {
 
   // 0, or the errno value the ioctl fails with.
   int ioctl(unsigned long request, void* arg);
-  // A mapping of buffer memory, or MAP_FAILED with *error set.
-  void* mmap(size_t length, int prot, int flags, int64_t offset, int* error);
+  // A descriptor of the buffer memory for a mapping of length bytes at
+  // offset (the caller maps it and closes it), or the errno value.
+  int mapFd(uint64_t offset, uint64_t length, int flags, int& fd);
+  // POLLERR before STREAMON, POLLERR | POLLHUP once the node is gone, else 0.
+  int pollState();
 
   // The node went away (unplug, or the select fault): every later ioctl fails
   // with ENODEV and select on the descriptor reports EBADF. Wakes a select
@@ -62,7 +69,7 @@ class VideoStream {
     timeval timestamp;
   };
 
-  VideoStream(std::shared_ptr<Camera> camera, bool captureNode, int eventFd);
+  VideoStream(std::shared_ptr<Camera> camera, bool captureNode, std::string busInfo, int eventFd);
 
   int querycap(v4l2_capability* cap);
   int enumFmt(v4l2_fmtdesc* desc);
@@ -91,6 +98,7 @@ class VideoStream {
   const std::shared_ptr<Camera> camera_;
   const CameraId cameraId_;
   const bool captureNode_;
+  const std::string busInfo_;
   const int eventFd_;
 
   mutable std::mutex mutex_;

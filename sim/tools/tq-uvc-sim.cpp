@@ -1,7 +1,15 @@
 // tq-uvc-sim [--config FILE] -- PROGRAM ARGS...
-// Runs PROGRAM with the emulated cameras: preloads the emulation library,
-// points it at the configuration and lets it put its udevadm first on PATH.
+// tq-uvc-sim plug|unplug|replug SERIAL [--new-nodes] | fault SERIAL NAME VALUE | status
+//
+// Runs PROGRAM with the emulated cameras: this process hosts them and serves
+// them on a Unix socket to PROGRAM and every process it starts (each loads the
+// emulation library through LD_PRELOAD and finds the socket in TQSIM_SERVER).
+// The other forms act on a running launcher from outside.
+#include <dirent.h>
 #include <limits.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -12,6 +20,10 @@
 #include <string>
 #include <vector>
 
+#include "Emulation.h"
+#include "Frontend.h"
+#include "Protocol.h"
+#include "Server.h"
 #include "StateFile.h"
 
 namespace {
@@ -39,37 +51,97 @@ std::string findLibrary() {
   return {};
 }
 
-// Where the library looks for its udevadm: bin/ beside it in the build tree,
-// tq-uvc-sim/bin/ beside it when installed.
-std::string findUdevadmDirectory(const std::string& library) {
-  const std::string libraryDir = library.substr(0, library.rfind('/'));
-  for (const char* sub : {"/bin", "/tq-uvc-sim/bin"}) {
-    std::string dir = libraryDir + sub;
-    if (::access((dir + "/udevadm").c_str(), X_OK) == 0) return dir;
+// The running launchers: sockets in $TMPDIR/tqsim-PID-*/ whose process lives.
+std::vector<std::string> runningLaunchers() {
+  const char* tmp = std::getenv("TMPDIR");
+  const std::string base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+  std::vector<std::string> found;
+  DIR* dir = ::opendir(base.c_str());
+  if (dir == nullptr) return found;
+  while (const dirent* entry = ::readdir(dir)) {
+    int pid = 0;
+    char rest[32];
+    if (std::sscanf(entry->d_name, "tqsim-%d-%31s", &pid, rest) != 2 || pid <= 0) continue;
+    if (::kill(pid, 0) != 0 && errno == ESRCH) continue;
+    const std::string socket = base + "/" + entry->d_name + "/server";
+    struct stat st {};
+    if (::stat(socket.c_str(), &st) == 0 && S_ISSOCK(st.st_mode) && st.st_uid == ::getuid())
+      found.push_back(socket);
   }
-  return {};
+  ::closedir(dir);
+  return found;
 }
 
-std::string absolute(const std::string& path) {
-  char resolved[PATH_MAX];
-  return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : path;
+int command(std::vector<std::string> words) {
+  std::string server;
+  for (auto it = words.begin(); it != words.end();) {
+    if (*it == "--server" && it + 1 != words.end()) {
+      server = *(it + 1);
+      it = words.erase(it, it + 2);
+    } else {
+      ++it;
+    }
+  }
+  if (server.empty()) server = tqsim::serverAddress();
+  if (server.empty()) {
+    const std::vector<std::string> found = runningLaunchers();
+    if (found.size() != 1) {
+      std::cerr << "tq-uvc-sim: " << (found.empty() ? "no running launcher found" : "several launchers run:");
+      for (const std::string& socket : found) std::cerr << "\n  " << socket;
+      std::cerr << "\nname one with --server SOCKET (or set " << tqsim::kEnvServer << ")\n";
+      return 1;
+    }
+    server = found.front();
+  }
+  std::string out;
+  const int status = tqsim::front::control(server, words, out);
+  (status == 0 ? std::cout : std::cerr) << (status == 0 ? "" : "tq-uvc-sim: ") << out;
+  return status;
 }
 
-}  // namespace
+pid_t gChild = -1;
+
+void forward(int signal) {
+  if (gChild > 0) ::kill(gChild, signal);
+}
 
 int launch(int argc, char** argv) {
   CLI::App app{"Runs a program with emulated UVC cameras (hidraw, video and udevadm)", "tq-uvc-sim"};
   std::string config;
-  std::vector<std::string> command;
+  std::vector<std::string> program;
   app.add_option("--config", config, "Camera configuration file (default: one camera on hidraw0, video0/1)")
       ->check(CLI::ExistingFile);
-  app.add_option("command", command, "Program and its arguments, after --")->required();
-  app.footer("Example: tq-uvc-sim -- ls -l /dev/hidraw0");
+  app.add_option("command", program, "Program and its arguments, after --")->required();
+  app.footer(
+      "Example: tq-uvc-sim -- ls -l /dev/hidraw0\n"
+      "From outside a running launcher: tq-uvc-sim plug|unplug|replug SERIAL [--new-nodes],\n"
+      "  tq-uvc-sim fault SERIAL NAME VALUE, tq-uvc-sim status  [--server SOCKET]");
   CLI11_PARSE(app, argc, argv);
 
   const std::string library = findLibrary();
   if (library.empty()) {
     std::cerr << "tq-uvc-sim: cannot find " << TQSIM_LIBRARY_FILE << " next to " << selfDirectory() << '\n';
+    return 127;
+  }
+
+  // This process hosts the cameras; a bad file ends here, before the program.
+  std::string error;
+  if (!config.empty()) {
+    if (!tqsim::loadConfigFile(config, &error)) {
+      std::cerr << "tq-uvc-sim: " << error << '\n';
+      return 2;
+    }
+  } else {
+    tqsim::reset();
+    if (tqsim::plugCamera(tqsim::defaultCameraConfig(), &error) == tqsim::kNoCamera) {
+      std::cerr << "tq-uvc-sim: " << error << '\n';
+      return 2;
+    }
+  }
+  const std::string directory = tqsim::Emulation::instance().stateDirectory();
+  const std::string socket = directory + "/server";
+  if (directory.empty() || !tqsim::server::start(socket, &error)) {
+    std::cerr << "tq-uvc-sim: cannot serve the cameras: " << error << '\n';
     return 127;
   }
 
@@ -80,35 +152,55 @@ int launch(int argc, char** argv) {
     preload += ":" + std::string(existing);
   }
   ::setenv("LD_PRELOAD", preload.c_str(), 1);
-  // A fresh emulation for the program, also when started from inside another.
-  ::unsetenv(tqsim::kEnvOwnerPid);
-  ::unsetenv(tqsim::kEnvStateFile);
-  if (config.empty()) {
-    ::unsetenv(tqsim::kEnvConfig);
-  } else {
-    ::setenv(tqsim::kEnvConfig, absolute(config).c_str(), 1);
-  }
-
-  // The library puts its udevadm first on PATH when it loads; the program
-  // itself may be udevadm, which is looked up before that.
-  const std::string udevadmDir = findUdevadmDirectory(library);
-  if (!udevadmDir.empty()) {
-    const char* path = std::getenv("PATH");
-    const std::string updated = path != nullptr && *path != '\0' ? udevadmDir + ":" + path : udevadmDir;
-    ::setenv("PATH", updated.c_str(), 1);
-  }
+  ::setenv(tqsim::kEnvServer, socket.c_str(), 1);
+  ::unsetenv(tqsim::kEnvConfig);
+  // PATH (our udevadm first) and TQSIM_STATE_FILE are set by the emulation.
 
   std::vector<char*> args;
-  args.reserve(command.size() + 1);
-  for (std::string& arg : command) args.push_back(arg.data());
+  args.reserve(program.size() + 1);
+  for (std::string& arg : program) args.push_back(arg.data());
   args.push_back(nullptr);
-  ::execvp(args[0], args.data());
-  std::cerr << "tq-uvc-sim: cannot run " << command[0] << ": " << std::strerror(errno) << '\n';
-  return 127;
+
+  // The terminal's Ctrl-C reaches the whole process group; the program decides.
+  ::signal(SIGINT, SIG_IGN);
+  ::signal(SIGQUIT, SIG_IGN);
+  gChild = ::fork();
+  if (gChild < 0) {
+    std::cerr << "tq-uvc-sim: fork: " << std::strerror(errno) << '\n';
+    return 127;
+  }
+  if (gChild == 0) {
+    ::signal(SIGINT, SIG_DFL);
+    ::signal(SIGQUIT, SIG_DFL);
+    ::execvp(args[0], args.data());
+    std::cerr << "tq-uvc-sim: cannot run " << program[0] << ": " << std::strerror(errno) << '\n';
+    ::_exit(127);
+  }
+  struct sigaction action {};
+  action.sa_handler = &forward;
+  ::sigaction(SIGTERM, &action, nullptr);
+  ::sigaction(SIGHUP, &action, nullptr);
+  int status = 0;
+  while (::waitpid(gChild, &status, 0) < 0 && errno == EINTR) {
+  }
+  tqsim::server::stop();
+  tqsim::Emulation::instance().shutdown();
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return 1;
 }
+
+}  // namespace
 
 int main(int argc, char** argv) {
   try {
+    if (argc >= 2) {
+      const std::string first = argv[1];
+      if (first == "plug" || first == "unplug" || first == "replug" || first == "fault" ||
+          first == "status") {
+        return command(std::vector<std::string>(argv + 1, argv + argc));
+      }
+    }
     return launch(argc, argv);
   } catch (const std::exception& e) {
     std::cerr << "tq-uvc-sim: " << e.what() << '\n';

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <linux/input.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -66,9 +67,47 @@ TEST_F(HidrawNode, NodeLooksLikeACharacterDeviceAndAnswersRawInfo) {
   EXPECT_EQ(static_cast<uint16_t>(info.vendor), 0x7A3D);
   EXPECT_EQ(static_cast<uint16_t>(info.product), 0x0203);
 
+  // usbhid's name: manufacturer and product; strlen + 1 bytes, or the
+  // buffer's size without a terminator when it is too small.
   char name[64] = {};
-  EXPECT_GT(ioctl(fd_, HIDIOCGRAWNAME(sizeof name), name), 0);
-  EXPECT_STREQ(name, "UVC HID Device");
+  EXPECT_EQ(ioctl(fd_, HIDIOCGRAWNAME(sizeof name), name), 22);
+  EXPECT_STREQ(name, "Emu Vendor Emu Camera");
+  char cut[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
+  EXPECT_EQ(ioctl(fd_, HIDIOCGRAWNAME(5), cut), 5);
+  EXPECT_EQ(std::string(cut, 6), "Emu Vx");
+
+  // Other ioctl types are EINVAL to hidraw (FIONREAD too), unknown 'H' ones ENOTTY.
+  int pending = 0;
+  EXPECT_EQ(ioctl(fd_, FIONREAD, &pending), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(ioctl(fd_, _IOC(_IOC_READ, 'H', 0x7F, 4), &pending), -1);
+  EXPECT_EQ(errno, ENOTTY);
+}
+
+TEST_F(HidrawNode, WritesOutsideTheKernelsSizesFailAndLeaveTheNodeWorking) {
+  start();
+  std::vector<uint8_t> big(16385, 0);
+  big[0] = 1;
+  for (size_t size : {size_t{0}, size_t{1}, big.size()}) {
+    SCOPED_TRACE(size);
+    EXPECT_EQ(write(fd_, big.data(), size), -1);
+    EXPECT_EQ(errno, EINVAL);
+  }
+  EXPECT_EQ(write(fd_, big.data(), 16384), 16384);
+  ASSERT_TRUE(tqsim::waitForReports(id_, 1, std::chrono::seconds(5)));
+  EXPECT_EQ(tqsim::receivedReports(id_).at(0).size(), 16384u);
+  EXPECT_EQ(transact(fd_, command(0x5C, {0, 0x04, 0x0A, 0, 0, 0})).size(), 64u);
+}
+
+// The kernel copies every input report to every open descriptor of the node.
+TEST_F(HidrawNode, AnswersReachEveryReader) {
+  start();
+  const int other = open("/dev/hidraw0", O_RDWR);
+  ASSERT_GE(other, 0);
+  const auto answer = transact(fd_, command(0x5C, {0, 0x04, 0x0A, 0, 0, 0}));
+  ASSERT_EQ(answer.size(), 64u);
+  EXPECT_EQ(readReport(other, 2000), answer);
+  close(other);
 }
 
 TEST_F(HidrawNode, AnswersEachCommandWithItsLayout) {
@@ -169,8 +208,10 @@ TEST_F(HidrawNode, FileDownloadThroughChunksIsByteExact) {
 
 TEST_F(HidrawNode, RecordsTheExactBytesReceived) {
   start();
-  const std::vector<std::vector<uint8_t>> sent = {
-      command(0x5C, {0, 0x50, 0x06, 0, 0, 0}), command(0x5D, {0, 0x50, 0x06, 1, 0, 0, 0, 0}), {1, 0x4E}, {7}};
+  const std::vector<std::vector<uint8_t>> sent = {command(0x5C, {0, 0x50, 0x06, 0, 0, 0}),
+                                                  command(0x5D, {0, 0x50, 0x06, 1, 0, 0, 0, 0}),
+                                                  {1, 0x4E},
+                                                  {7, 0}};
   for (const auto& report : sent)
     ASSERT_EQ(write(fd_, report.data(), report.size()), static_cast<ssize_t>(report.size()));
   ASSERT_TRUE(tqsim::waitForReports(id_, sent.size(), std::chrono::seconds(5)));
@@ -271,8 +312,13 @@ TEST_F(HidrawNode, UnplugMakesTheNodeVanishAndOpenDescriptorsFail) {
   EXPECT_EQ(errno, ENODEV);
   const auto report = command(0x5C, {0, 0, 0, 0, 0, 0});
   EXPECT_EQ(write(fd_, report.data(), report.size()), -1);
+  EXPECT_EQ(errno, ENODEV);
   uint8_t buffer[64];
   EXPECT_EQ(read(fd_, buffer, sizeof buffer), -1);
+  EXPECT_EQ(errno, EIO);
+  pollfd gone{fd_, POLLIN, 0};
+  EXPECT_EQ(poll(&gone, 1, 0), 1);
+  EXPECT_EQ(gone.revents & (POLLERR | POLLHUP), POLLERR | POLLHUP);
   EXPECT_FALSE(tqsim::sendEvent(id_, {1}));
 
   ASSERT_TRUE(tqsim::replugCamera(id_));
@@ -430,9 +476,9 @@ TEST_F(HidrawNode, ReleasesDescriptorsAndThreads) {
   EXPECT_EQ(entries("/proc/self/fd"), fds);
 }
 
-// A forked child must not act on the parent's cameras: it sees no nodes and
-// closing an inherited descriptor is a plain close.
-TEST_F(HidrawNode, ForkedChildIsInert) {
+// Closing a descriptor a forked child inherited is the child's own close: the
+// parent's node goes on.
+TEST_F(HidrawNode, ForkedChildLeavesTheParentsNodeAlone) {
   start();
   const pid_t child = fork();
   ASSERT_GE(child, 0);
@@ -440,12 +486,12 @@ TEST_F(HidrawNode, ForkedChildIsInert) {
     struct stat st {};
     const bool sawNode = stat("/dev/hidraw0", &st) == 0;
     const bool closed = close(fd_) == 0;
-    _exit(sawNode ? 1 : closed ? 0 : 2);
+    _exit(!sawNode ? 1 : closed ? 0 : 2);
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: the child saw the node, 2: close failed";
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: the child saw no node, 2: close failed";
   // The parent's node still works.
   EXPECT_EQ(transact(fd_, command(0x5C, {0, 0x04, 0x0A, 0, 0, 0})).size(), 64u);
 }

@@ -10,6 +10,10 @@
 
 namespace tqsim {
 
+// The largest frame side the emulated camera takes (both directions): a
+// frame of 16384x16384 YUYV is 512 MiB, still within V4L2's 32-bit sizeimage.
+constexpr uint32_t kMaxFrameSide = 16384;
+
 struct FrameInterval {
   uint32_t numerator = 1;
   uint32_t denominator = 30;
