@@ -5,10 +5,13 @@
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -144,7 +147,21 @@ class Frontend {
   void add(int fd, const FdEntry& entry) {
     std::lock_guard<std::mutex> lock(tableMutex_);
     fds_[fd] = entry;
+    ++references_[entry.node];
     fdCount_.store(fds_.size(), std::memory_order_release);
+  }
+
+  // A second descriptor of the same open node (dup, dup2, F_DUPFD).
+  bool duplicate(int from, int to) {
+    if (from < 0 || to < 0 || fdCount_.load(std::memory_order_acquire) == 0) return false;
+    std::lock_guard<std::mutex> lock(tableMutex_);
+    auto it = fds_.find(from);
+    if (it == fds_.end()) return false;
+    const FdEntry entry = it->second;
+    fds_[to] = entry;
+    ++references_[entry.node];
+    fdCount_.store(fds_.size(), std::memory_order_release);
+    return true;
   }
 
   bool find(int fd, FdEntry& entry) {
@@ -156,13 +173,16 @@ class Frontend {
     return true;
   }
 
-  bool remove(int fd, FdEntry& entry) {
+  // last: no other descriptor of this process names the node any more.
+  bool remove(int fd, FdEntry& entry, bool& last) {
     if (fd < 0 || fdCount_.load(std::memory_order_acquire) == 0) return false;
     std::lock_guard<std::mutex> lock(tableMutex_);
     auto it = fds_.find(fd);
     if (it == fds_.end()) return false;
     entry = it->second;
     fds_.erase(it);
+    last = --references_[entry.node] <= 0;
+    if (last) references_.erase(entry.node);
     fdCount_.store(fds_.size(), std::memory_order_release);
     return true;
   }
@@ -217,10 +237,33 @@ class Frontend {
       real::close(fd);
       return false;
     }
-    connection_ = fd;
+    // Out of the way of the low numbers shells hand out and dup2 onto
+    // (exec 3<>...): the program never sees our socket under a number it uses.
+    rlimit limit{};
+    const rlim_t high =
+        ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur > 100 && limit.rlim_cur != RLIM_INFINITY
+            ? limit.rlim_cur - 64
+            : 64;
+    const int moved = static_cast<int>(
+        ::syscall(SYS_fcntl, fd, F_DUPFD_CLOEXEC, static_cast<int>(std::min<rlim_t>(high, 4000))));
+    if (moved >= 0) {
+      real::close(fd);
+      connection_ = moved;
+    } else {
+      connection_ = fd;
+    }
     return true;
   }
 
+ public:
+  // The program closed or reused our socket's number: it is not ours any more.
+  void released(int fd) {
+    if (fd < 0 || fd != connection_.load(std::memory_order_relaxed)) return;
+    std::lock_guard<std::mutex> lock(connectionMutex_);
+    if (connection_ == fd) connection_ = -1;
+  }
+
+ private:
   void dropLocked() {
     if (connection_ >= 0) real::close(connection_);
     connection_ = -1;
@@ -249,9 +292,10 @@ class Frontend {
   }
 
   std::mutex connectionMutex_;  // taken before tableMutex_ (fork only)
-  int connection_ = -1;
+  std::atomic<int> connection_{-1};
   std::mutex tableMutex_;
   std::map<int, FdEntry> fds_;
+  std::map<int, int> references_;  // descriptors per node
   std::map<void*, MapEntry> maps_;
   std::atomic<size_t> fdCount_{0};
   std::atomic<size_t> mapCount_{0};
@@ -352,11 +396,24 @@ bool open(const char* path, int flags, int& result) {
 
 bool close(int fd, int& result) {
   FdEntry entry;
-  if (!frontend().remove(fd, entry)) return false;
+  bool last = false;
+  if (!frontend().remove(fd, entry, last)) return false;
   // Our bookkeeping first, then the number: once closed it may be reused.
-  if (!entry.inherited) closeNode(entry);
+  if (last && !entry.inherited) closeNode(entry);
   result = real::close(fd);
   return true;
+}
+
+void released(int fd) { frontend().released(fd); }
+
+void duplicated(int from, int to) {
+  if (from == to) return;
+  frontend().released(to);
+  // dup2 onto an emulated descriptor closes that one first.
+  FdEntry old;
+  bool last = false;
+  if (frontend().remove(to, old, last) && last && !old.inherited) closeNode(old);
+  frontend().duplicate(from, to);
 }
 
 bool ioctl(int fd, unsigned long request, void* arg, int& result) {

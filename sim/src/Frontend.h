@@ -25,6 +25,10 @@ bool anyMapped();
 
 bool open(const char* path, int flags, int& result);
 bool close(int fd, int& result);
+// After a successful dup of from onto to (dup, dup2, dup3, F_DUPFD).
+void duplicated(int from, int to);
+// Before the program closes fd: if it is our own socket, forget it.
+void released(int fd);
 bool ioctl(int fd, unsigned long request, void* arg, int& result);
 bool mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset, void*& result);
 // Always lets the caller unmap; true when it was one of ours.

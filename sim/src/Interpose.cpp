@@ -10,6 +10,7 @@
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -192,6 +193,7 @@ int __open64_2(const char* path, int flags);
 int __openat_2(int dirfd, const char* path, int flags);
 int __openat64_2(int dirfd, const char* path, int flags);
 ssize_t __read_chk(int fd, void* buffer, size_t count, size_t size);
+int fcntl64(int fd, int command, ...);
 int __poll_chk(pollfd* fds, nfds_t count, int timeoutMs, size_t size);
 void* mmap64(void* addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept;
 }
@@ -264,6 +266,7 @@ int __openat64_2(int dirfd, const char* path, int flags) {
 }
 
 int close(int fd) {
+  tqsim::front::released(fd);
   if (tqsim::front::anyOpen()) {
     try {
       int result = 0;
@@ -289,6 +292,45 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     }
   }
   return tqsim::real::ioctl(fd, request, arg);
+}
+
+int dup(int fd) noexcept {
+  const int result = static_cast<int>(::syscall(SYS_dup, fd));
+  if (result >= 0) tqsim::front::duplicated(fd, result);
+  return result;
+}
+
+int dup2(int fd, int to) noexcept {
+  if (fd == to) return fcntl(fd, F_GETFD) < 0 ? -1 : to;
+  const int result = static_cast<int>(::syscall(SYS_dup3, fd, to, 0));
+  if (result >= 0) tqsim::front::duplicated(fd, result);
+  return result;
+}
+
+int dup3(int fd, int to, int flags) noexcept {
+  const int result = static_cast<int>(::syscall(SYS_dup3, fd, to, flags));
+  if (result >= 0) tqsim::front::duplicated(fd, result);
+  return result;
+}
+
+int fcntl(int fd, int command, ...) {
+  va_list args;
+  va_start(args, command);
+  void* arg = va_arg(args, void*);
+  va_end(args);
+  const int result = static_cast<int>(::syscall(SYS_fcntl, fd, command, arg));
+  if (result >= 0 && (command == F_DUPFD || command == F_DUPFD_CLOEXEC)) {
+    tqsim::front::duplicated(fd, result);
+  }
+  return result;
+}
+
+int fcntl64(int fd, int command, ...) {
+  va_list args;
+  va_start(args, command);
+  void* arg = va_arg(args, void*);
+  va_end(args);
+  return fcntl(fd, command, arg);
 }
 
 ssize_t read(int fd, void* buffer, size_t count) {

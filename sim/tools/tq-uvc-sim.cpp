@@ -101,8 +101,12 @@ int command(std::vector<std::string> words) {
 
 pid_t gChild = -1;
 
-void forward(int signal) {
-  if (gChild > 0) ::kill(gChild, signal);
+// Signals another process sends the launcher go on to the program; those of
+// the terminal (Ctrl-C) reach the program by themselves.
+void forward(int signal, siginfo_t* info, void*) {
+  if (gChild > 0 && (info == nullptr || info->si_code == SI_USER || info->si_code == SI_QUEUE)) {
+    ::kill(gChild, signal);
+  }
 }
 
 int launch(int argc, char** argv) {
@@ -161,25 +165,20 @@ int launch(int argc, char** argv) {
   for (std::string& arg : program) args.push_back(arg.data());
   args.push_back(nullptr);
 
-  // The terminal's Ctrl-C reaches the whole process group; the program decides.
-  ::signal(SIGINT, SIG_IGN);
-  ::signal(SIGQUIT, SIG_IGN);
+  struct sigaction action {};
+  action.sa_sigaction = &forward;
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
   gChild = ::fork();
   if (gChild < 0) {
     std::cerr << "tq-uvc-sim: fork: " << std::strerror(errno) << '\n';
     return 127;
   }
   if (gChild == 0) {
-    ::signal(SIGINT, SIG_DFL);
-    ::signal(SIGQUIT, SIG_DFL);
     ::execvp(args[0], args.data());
     std::cerr << "tq-uvc-sim: cannot run " << program[0] << ": " << std::strerror(errno) << '\n';
     ::_exit(127);
   }
-  struct sigaction action {};
-  action.sa_handler = &forward;
-  ::sigaction(SIGTERM, &action, nullptr);
-  ::sigaction(SIGHUP, &action, nullptr);
+  for (int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
   int status = 0;
   while (::waitpid(gChild, &status, 0) < 0 && errno == EINTR) {
   }

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "SimTestUtil.h"
 
@@ -77,10 +78,107 @@ TEST_F(Launcher, ReportsWhatItCannotDo) {
   result = launch({"--config", tmp_ + "/missing.conf", "--", "true"});
   EXPECT_NE(result.status, 0);
 
-  std::ofstream(tmp_ + "/cameras.conf") << "[camera]\nhidraw = many\n";
-  result = launch({"--config", tmp_ + "/cameras.conf", "--", "ls", "/dev/hidraw0"});
-  EXPECT_NE(result.err.find("cameras.conf:2:"), std::string::npos) << result.err;
-  EXPECT_NE(result.status, 0) << "a bad file leaves no cameras";
+  // A bad file ends the launcher with its line before the program starts.
+  const struct {
+    const char* text;
+    const char* reason;
+  } bad[] = {
+      {"[camera]\nhidraw = many\n", "cameras.conf:2: 'many' is not a number"},
+      {"[camera]\nsize = 65535x65535 30\n", "cameras.conf:2: size must be WIDTHxHEIGHT (1..16384 each)"},
+      {"\xEF\xBB\xBF[camera]\n[camera]\nhidraw = 0\n", "share a node"},
+  };
+  for (const auto& c : bad) {
+    SCOPED_TRACE(c.text);
+    std::ofstream(tmp_ + "/cameras.conf") << c.text;
+    result = launch({"--config", tmp_ + "/cameras.conf", "--", "sh", "-c", "echo started"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find(c.reason), std::string::npos) << result.err;
+    EXPECT_EQ(result.out, "") << "the program ran";
+  }
+}
+
+// Every process of the tree sees the same cameras: a shell's own lines (bash
+// keeps its own environment), its children, one camera state for all.
+TEST_F(Launcher, TheWholeProcessTreeSharesTheCameras) {
+  std::ofstream(tmp_ + "/two.conf") << "\xEF\xBB\xBF# two cameras\n[camera]\n[camera]\nserial = \"B#2;x\"\n";
+  auto result = launch({"--config", tmp_ + "/two.conf", "--", "bash", "-c",
+                        "test -e /dev/hidraw1 && echo yes; sh -c 'test -e /dev/video3 && echo child'; true"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "yes\nchild\n");
+
+  // A register written by one process is read back by another.
+  const std::string write = "printf '\\001\\135\\000\\120\\006\\007\\000\\000\\000\\000' > /dev/hidraw0";
+  const std::string read =
+      "exec 3<>/dev/hidraw0; printf '\\001\\134\\000\\120\\006\\000\\000\\000' >&3; "
+      "head -c 64 <&3 | od -An -tx1 | head -1";
+  result = launch({"--", "sh", "-c", "sh -c \"" + write + "\"; sh -c \"" + read + "\""});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out.substr(0, 27), " 01 5c 00 00 00 07 00 00 00") << result.out;
+
+  // Quoted values keep '#' and ';'.
+  result = launch({"--config", tmp_ + "/two.conf", "--", "sh", "-c",
+                   "udevadm info -a -n /dev/hidraw1 | grep -c 'ATTRS{serial}==\"B#2;x\"'"});
+  EXPECT_EQ(result.out, "1\n") << result.err;
+}
+
+// plug, unplug, replug and fault reach a running launcher from outside.
+TEST_F(Launcher, CommandsFromOutsideActOnTheRunningCameras) {
+  // Each step waits (bounded) for what the next command changes.
+  const std::string script =
+      "until_() { i=0; while ! eval \"$1\"; do i=$((i+1)); [ $i -gt 400 ] && return 1; sleep 0.025; done; }; "
+      "step() { echo $1; echo $1 >> \"$TMPDIR/progress\"; }; "
+      "until_ '[ ! -e /dev/hidraw0 ]' && step unplugged; "
+      "until_ '[ -e /dev/hidraw0 ]' && step plugged; "
+      "until_ '! udevadm info -q path -n /dev/hidraw0 >/dev/null 2>&1' && step udev-fails; "
+      "until_ '[ -e /dev/hidraw1 ] && [ ! -e /dev/hidraw0 ]' && step new-nodes; true";
+  simtest::RunResult program;
+  std::thread running([&] { program = launch({"--", "sh", "-c", script}); });
+  auto control = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), TQSIM_LAUNCHER);
+    return run(words, {"TMPDIR=" + tmp_});
+  };
+  simtest::RunResult status;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  do {
+    status = control({"status"});
+  } while (status.status != 0 && std::chrono::steady_clock::now() < deadline);
+  EXPECT_EQ(status.out, "CAM-SN-0042 plugged /dev/hidraw0 /dev/video0 /dev/video1 usb 1-1\n") << status.err;
+
+  // The program has seen the step when its line is in the progress file.
+  auto seen = [&](const std::string& step) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < until) {
+      std::ifstream progress(tmp_ + "/progress");
+      std::string line;
+      while (std::getline(progress, line))
+        if (line == step) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  };
+  EXPECT_EQ(control({"unplug", "CAM-SN-0042"}).status, 0);
+  EXPECT_TRUE(seen("unplugged"));
+  EXPECT_EQ(control({"status"}).out, "CAM-SN-0042 unplugged /dev/hidraw0 /dev/video0 /dev/video1\n");
+  EXPECT_EQ(control({"plug", "CAM-SN-0042"}).status, 0);
+  EXPECT_TRUE(seen("plugged"));
+  EXPECT_EQ(control({"fault", "CAM-SN-0042", "udev-fails", "true"}).status, 0);
+  EXPECT_TRUE(seen("udev-fails"));
+
+  // Mistakes name themselves and change nothing.
+  auto result = control({"unplug", "NO-SUCH"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "tq-uvc-sim: no camera with serial NO-SUCH\n");
+  result = control({"fault", "CAM-SN-0042", "sideways", "1"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err, "tq-uvc-sim: unknown fault 'sideways'\n");
+
+  EXPECT_EQ(control({"replug", "CAM-SN-0042", "--new-nodes"}).status, 0);
+  running.join();
+  EXPECT_EQ(program.out, "unplugged\nplugged\nudev-fails\nnew-nodes\n") << program.err;
+
+  result = control({"status"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("no running launcher"), std::string::npos) << result.err;
 }
 
 }  // namespace
