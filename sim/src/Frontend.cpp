@@ -23,12 +23,13 @@
 #include "Emulation.h"
 #include "Protocol.h"
 #include "RealCalls.h"
+#include "StateFile.h"
 
 namespace tqsim {
 
 namespace {
 
-std::string readServerAddress() {
+std::string initialEnvironment(const char* name) {
   // Straight from the kernel: a shell's getenv only knows its own variables.
   const int fd = real::open("/proc/self/environ", O_RDONLY | O_CLOEXEC, 0);
   std::string text;
@@ -38,7 +39,7 @@ std::string readServerAddress() {
     while ((n = real::read(fd, chunk, sizeof chunk)) > 0) text.append(chunk, static_cast<size_t>(n));
     real::close(fd);
   }
-  const std::string key = std::string(kEnvServer) + "=";
+  const std::string key = std::string(name) + "=";
   size_t at = 0;
   while (at < text.size()) {
     const size_t end = text.find('\0', at);
@@ -47,15 +48,23 @@ std::string readServerAddress() {
     if (end == std::string::npos) break;
     at = end + 1;
   }
-  const char* value = std::getenv(kEnvServer);
+  const char* value = std::getenv(name);
   return value != nullptr ? value : "";
 }
 
 }  // namespace
 
 std::string serverAddress() {
-  static const std::string address = readServerAddress();
+  static const std::string address = initialEnvironment(kEnvServer);
   return address;
+}
+
+std::string stateFileAddress() {
+  // The hosting process sets it at run time; its clients inherit it.
+  const char* value = std::getenv(kEnvStateFile);
+  if (value != nullptr && *value != '\0') return value;
+  static const std::string inherited = initialEnvironment(kEnvStateFile);
+  return inherited;
 }
 
 namespace front {
@@ -68,6 +77,7 @@ struct FdEntry {
   CameraId camera = kNoCamera;
   // Inherited through fork: the node belongs to the parent, which closes it.
   bool inherited = false;
+  struct stat st {};  // what fstat answers: the node, not our socket or eventfd
 };
 
 struct MapEntry {
@@ -389,8 +399,16 @@ bool open(const char* path, int flags, int& result) {
     entry.kind = static_cast<NodeKind>(reply.extra);
     entry.camera = reply.camera;
   }
+  stat(path, entry.st);
   frontend().add(fd, entry);
   result = fd;
+  return true;
+}
+
+bool fstat(int fd, struct stat& out) {
+  FdEntry entry;
+  if (!frontend().find(fd, entry)) return false;
+  out = entry.st;
   return true;
 }
 

@@ -39,6 +39,7 @@ bool isNode(int fd);
 // poll over any mix of descriptors; timeoutMs < 0 waits for ever.
 int poll(pollfd* fds, nfds_t count, int timeoutMs, const sigset_t* mask);
 bool stat(const char* path, struct stat& out);
+bool fstat(int fd, struct stat& out);
 
 // A command for the launcher (plug, unplug, replug, fault, status), sent to
 // the socket at address; returns the exit status, the launcher's text in out.

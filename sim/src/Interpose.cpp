@@ -3,8 +3,10 @@
 // called us), so programs behave as usual for every other path and descriptor.
 #undef _FORTIFY_SOURCE
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -19,12 +21,17 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
 #include <vector>
 
 #include "Emulation.h"
 #include "Frontend.h"
 #include "RealCalls.h"
+#include "Sysfs.h"
 
 using tqsim::Emulation;
 
@@ -54,11 +61,30 @@ Fn nextDefinition(std::atomic<void*>& slot, const char* name) {
 
 bool maybeNode(const char* path) { return path != nullptr && std::strncmp(path, "/dev/", 5) == 0; }
 
+bool emptyText(const char* path) { return path != nullptr && *path == '\0'; }
+
+bool isDevDirectory(const char* path) {
+  return path != nullptr && (std::strcmp(path, "/dev") == 0 || std::strcmp(path, "/dev/") == 0);
+}
+
+bool maybeSysfs(const char* path) { return path != nullptr && std::strncmp(path, "/sys/", 5) == 0; }
+
 bool needsMode(int flags) { return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE; }
 
 // Opens an emulated node; handled = false when path is not one of ours.
 int openEmulated(const char* path, int flags, bool& handled) {
   handled = false;
+  if (maybeSysfs(path)) {
+    try {
+      const tqsim::sysfs::Entry entry = tqsim::sysfs::lookup(path);
+      if (entry.kind == tqsim::sysfs::Kind::File) {
+        handled = true;
+        return tqsim::sysfs::openFile(entry, flags);
+      }
+    } catch (...) {
+    }
+    return -1;
+  }
   if (!maybeNode(path)) return -1;
   try {
     int fd = -1;
@@ -72,11 +98,12 @@ int openEmulated(const char* path, int flags, bool& handled) {
 }
 
 // buf is a struct stat or stat64: one layout on x86-64, filled by memcpy.
-bool statEmulated(const char* path, void* buf, int& result) {
-  if (!maybeNode(path)) return false;
+bool statEmulated(const char* path, void* buf, int& result, bool follow = true) {
+  if (!maybeNode(path) && !maybeSysfs(path)) return false;
   try {
     struct stat st {};
-    if (!tqsim::front::stat(path, st)) return false;
+    if (maybeSysfs(path) ? !tqsim::sysfs::stat(path, follow, st) : !tqsim::front::stat(path, st))
+      return false;
     if (buf == nullptr) {
       errno = EFAULT;
       result = -1;
@@ -88,6 +115,47 @@ bool statEmulated(const char* path, void* buf, int& result) {
   } catch (...) {
     return false;
   }
+}
+
+bool fstatEmulated(int fd, void* buf, int& result) {
+  struct stat st {};
+  if (fd < 0 || !tqsim::front::anyOpen() || !tqsim::front::fstat(fd, st)) return false;
+  if (buf == nullptr) {
+    errno = EFAULT;
+    result = -1;
+  } else {
+    std::memcpy(buf, &st, sizeof st);
+    result = 0;
+  }
+  return true;
+}
+
+// Listings of /dev get the emulated nodes after the real entries.
+struct DevListing {
+  std::vector<std::string> names;
+  size_t next = 0;
+  dirent entry{};
+};
+std::mutex gListingsMutex;
+std::map<DIR*, DevListing>& listings() {
+  static auto* map = new std::map<DIR*, DevListing>();
+  return *map;
+}
+std::atomic<int> gListings{0};
+
+dirent* nextExtra(DIR* dir) {
+  std::lock_guard<std::mutex> lock(gListingsMutex);
+  auto it = listings().find(dir);
+  if (it == listings().end()) return nullptr;
+  DevListing& listing = it->second;
+  if (listing.next >= listing.names.size()) return nullptr;
+  const std::string& name = listing.names[listing.next++];
+  listing.entry = {};
+  listing.entry.d_ino = 0x20000 + listing.next;
+  listing.entry.d_type = DT_CHR;
+  listing.entry.d_reclen = sizeof listing.entry;
+  std::snprintf(listing.entry.d_name, sizeof listing.entry.d_name, "%s", name.c_str());
+  return &listing.entry;
 }
 
 bool accessEmulated(const char* path) {
@@ -188,6 +256,8 @@ int __xstat64(int ver, const char* path, struct stat64* buf);
 int __lxstat64(int ver, const char* path, struct stat64* buf);
 int __fxstatat(int ver, int dirfd, const char* path, struct stat* buf, int flags);
 int __fxstatat64(int ver, int dirfd, const char* path, struct stat64* buf, int flags);
+int __fxstat(int ver, int fd, struct stat* buf);
+int __fxstat64(int ver, int fd, struct stat64* buf);
 int __open_2(const char* path, int flags);
 int __open64_2(const char* path, int flags);
 int __openat_2(int dirfd, const char* path, int flags);
@@ -407,6 +477,139 @@ int pselect(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, cons
              readfds, writefds, exceptfds, timeout, mask);
 }
 
+FILE* fopen(const char* path, const char* mode) {
+  if (maybeSysfs(path) && mode != nullptr && mode[0] == 'r' && std::strchr(mode, '+') == nullptr) {
+    bool handled = false;
+    const int fd =
+        openEmulated(path, O_RDONLY | (std::strchr(mode, 'e') != nullptr ? O_CLOEXEC : 0), handled);
+    if (handled) return fd < 0 ? nullptr : fdopen(fd, "r");
+  }
+  using Fn = FILE* (*)(const char*, const char*);
+  static std::atomic<void*> slot{nullptr};
+  auto fn = nextDefinition<Fn>(slot, "fopen");
+  return fn != nullptr ? fn(path, mode) : nullptr;
+}
+
+FILE* fopen64(const char* path, const char* mode) { return fopen(path, mode); }
+
+ssize_t readlink(const char* path, char* buffer, size_t size) noexcept {
+  if (maybeSysfs(path)) {
+    const tqsim::sysfs::Entry entry = tqsim::sysfs::lookup(path);
+    if (entry.kind != tqsim::sysfs::Kind::None) {
+      if (entry.kind != tqsim::sysfs::Kind::Link) {
+        errno = EINVAL;
+        return -1;
+      }
+      const size_t count = std::min(size, entry.content.size());
+      std::memcpy(buffer, entry.content.data(), count);
+      return static_cast<ssize_t>(count);
+    }
+  }
+  TQSIM_NEXT(readlink, ssize_t(*)(const char*, char*, size_t), path, buffer, size);
+}
+
+ssize_t readlinkat(int dirfd, const char* path, char* buffer, size_t size) noexcept {
+  if (maybeSysfs(path)) return readlink(path, buffer, size);
+  TQSIM_NEXT(readlinkat, ssize_t(*)(int, const char*, char*, size_t), dirfd, path, buffer, size);
+}
+
+char* realpath(const char* path, char* resolved) noexcept {
+  if (maybeSysfs(path)) {
+    const tqsim::sysfs::Entry entry = tqsim::sysfs::lookup(path);
+    if (entry.kind != tqsim::sysfs::Kind::None) {
+      if (resolved == nullptr) return strdup(entry.real.c_str());
+      std::snprintf(resolved, PATH_MAX, "%s", entry.real.c_str());
+      return resolved;
+    }
+  }
+  using Fn = char* (*)(const char*, char*);
+  static std::atomic<void*> slot{nullptr};
+  auto fn = nextDefinition<Fn>(slot, "realpath");
+  if (fn == nullptr) {
+    errno = ENOSYS;
+    return nullptr;
+  }
+  return fn(path, resolved);
+}
+
+DIR* opendir(const char* path) {
+  using Fn = DIR* (*)(const char*);
+  static std::atomic<void*> slot{nullptr};
+  auto fn = nextDefinition<Fn>(slot, "opendir");
+  if (fn == nullptr) {
+    errno = ENOSYS;
+    return nullptr;
+  }
+  DIR* dir = fn(path);
+  if (dir != nullptr && isDevDirectory(path)) {
+    try {
+      std::vector<std::string> names = tqsim::sysfs::deviceNames();
+      if (!names.empty()) {
+        std::lock_guard<std::mutex> lock(gListingsMutex);
+        listings()[dir].names = std::move(names);
+        ++gListings;
+      }
+    } catch (...) {
+    }
+  }
+  return dir;
+}
+
+dirent* readdir(DIR* dir) {
+  using Fn = dirent* (*)(DIR*);
+  static std::atomic<void*> slot{nullptr};
+  auto fn = nextDefinition<Fn>(slot, "readdir");
+  const int saved = errno;
+  dirent* entry = fn != nullptr ? fn(dir) : nullptr;
+  if (entry == nullptr && gListings.load() != 0) {
+    if (dirent* extra = nextExtra(dir)) {
+      errno = saved;
+      return extra;
+    }
+  }
+  return entry;
+}
+
+dirent64* readdir64(DIR* dir) {
+  static_assert(sizeof(dirent) == sizeof(dirent64), "x86-64 has one dirent layout");
+  return reinterpret_cast<dirent64*>(readdir(dir));
+}
+
+int closedir(DIR* dir) {
+  if (gListings.load() != 0) {
+    std::lock_guard<std::mutex> lock(gListingsMutex);
+    if (listings().erase(dir) != 0) --gListings;
+  }
+  using Fn = int (*)(DIR*);
+  static std::atomic<void*> slot{nullptr};
+  auto fn = nextDefinition<Fn>(slot, "closedir");
+  return fn != nullptr ? fn(dir) : -1;
+}
+
+int fstat(int fd, struct stat* buf) noexcept {
+  int result = 0;
+  if (fstatEmulated(fd, buf, result)) return result;
+  TQSIM_NEXT(fstat, int (*)(int, struct stat*), fd, buf);
+}
+
+int fstat64(int fd, struct stat64* buf) noexcept {
+  int result = 0;
+  if (fstatEmulated(fd, buf, result)) return result;
+  TQSIM_NEXT(fstat64, int (*)(int, struct stat64*), fd, buf);
+}
+
+int __fxstat(int ver, int fd, struct stat* buf) {
+  int result = 0;
+  if (fstatEmulated(fd, buf, result)) return result;
+  TQSIM_NEXT(__fxstat, int (*)(int, int, struct stat*), ver, fd, buf);
+}
+
+int __fxstat64(int ver, int fd, struct stat64* buf) {
+  int result = 0;
+  if (fstatEmulated(fd, buf, result)) return result;
+  TQSIM_NEXT(__fxstat64, int (*)(int, int, struct stat64*), ver, fd, buf);
+}
+
 int stat(const char* path, struct stat* buf) noexcept {
   int result = 0;
   if (statEmulated(path, buf, result)) return result;
@@ -421,33 +624,38 @@ int stat64(const char* path, struct stat64* buf) noexcept {
 
 int lstat(const char* path, struct stat* buf) noexcept {
   int result = 0;
-  if (statEmulated(path, buf, result)) return result;
+  if (statEmulated(path, buf, result, false)) return result;
   TQSIM_NEXT(lstat, int (*)(const char*, struct stat*), path, buf);
 }
 
 int lstat64(const char* path, struct stat64* buf) noexcept {
   int result = 0;
-  if (statEmulated(path, buf, result)) return result;
+  if (statEmulated(path, buf, result, false)) return result;
   TQSIM_NEXT(lstat64, int (*)(const char*, struct stat64*), path, buf);
 }
 
 int fstatat(int dirfd, const char* path, struct stat* buf, int flags) noexcept {
   int result = 0;
-  if (statEmulated(path, buf, result)) return result;
+  if ((flags & AT_EMPTY_PATH) != 0 && emptyText(path) && fstatEmulated(dirfd, buf, result)) return result;
+  if (statEmulated(path, buf, result, (flags & AT_SYMLINK_NOFOLLOW) == 0)) return result;
   TQSIM_NEXT(fstatat, int (*)(int, const char*, struct stat*, int), dirfd, path, buf, flags);
 }
 
 int fstatat64(int dirfd, const char* path, struct stat64* buf, int flags) noexcept {
   int result = 0;
-  if (statEmulated(path, buf, result)) return result;
+  if ((flags & AT_EMPTY_PATH) != 0 && emptyText(path) && fstatEmulated(dirfd, buf, result)) return result;
+  if (statEmulated(path, buf, result, (flags & AT_SYMLINK_NOFOLLOW) == 0)) return result;
   TQSIM_NEXT(fstatat64, int (*)(int, const char*, struct stat64*, int), dirfd, path, buf, flags);
 }
 
 int statx(int dirfd, const char* path, int flags, unsigned int mask, struct statx* buf) noexcept {
-  if (maybeNode(path)) {
+  const bool emptyPath = (flags & AT_EMPTY_PATH) != 0 && emptyText(path);
+  if (maybeNode(path) || maybeSysfs(path) || emptyPath) {
     try {
       struct stat st {};
-      if (tqsim::front::stat(path, st)) {
+      int result = 0;
+      if (emptyPath ? fstatEmulated(dirfd, &st, result)
+                    : statEmulated(path, &st, result, (flags & AT_SYMLINK_NOFOLLOW) == 0)) {
         struct statx converted {};
         toStatx(st, converted);
         std::memcpy(static_cast<void*>(buf), &converted, sizeof converted);
@@ -506,7 +714,7 @@ int __xstat(int ver, const char* path, struct stat* buf) {
 
 int __lxstat(int ver, const char* path, struct stat* buf) {
   int result = 0;
-  if (statEmulated(path, buf, result)) return result;
+  if (statEmulated(path, buf, result, false)) return result;
   TQSIM_NEXT(__lxstat, int (*)(int, const char*, struct stat*), ver, path, buf);
 }
 
@@ -518,7 +726,7 @@ int __xstat64(int ver, const char* path, struct stat64* buf) {
 
 int __lxstat64(int ver, const char* path, struct stat64* buf) {
   int result = 0;
-  if (statEmulated(path, buf, result)) return result;
+  if (statEmulated(path, buf, result, false)) return result;
   TQSIM_NEXT(__lxstat64, int (*)(int, const char*, struct stat64*), ver, path, buf);
 }
 

@@ -47,5 +47,7 @@ constexpr size_t kMaxPayload = 20000;
 // /proc/self/environ as well: a shell's own getenv does not work before its
 // main has run); empty when the process is not in a launcher's tree.
 std::string serverAddress();
+// The state file udevadm reads, likewise.
+std::string stateFileAddress();
 
 }  // namespace tqsim
