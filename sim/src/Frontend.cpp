@@ -318,7 +318,8 @@ bool maybeNode(const char* path) { return path != nullptr && std::strncmp(path, 
 // The node's ioctl, here or at the launcher: >= 0 result, < 0 minus errno.
 int64_t nodeIoctl(const FdEntry& entry, unsigned long request, void* arg) {
   if (!frontend().remote()) return Emulation::instance().nodeIoctl(entry.node, request, arg);
-  const size_t size = _IOC_SIZE(request);
+  // Only requests with a direction carry an argument to copy.
+  const size_t size = _IOC_DIR(request) == _IOC_NONE ? 0 : _IOC_SIZE(request);
   if (size != 0 && arg == nullptr) return -EFAULT;
   if (size > kMaxPayload) return -EINVAL;
   Request header;

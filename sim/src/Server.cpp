@@ -193,7 +193,7 @@ class Server {
         emulation.closeNode(request.node);
         return;
       case Op::Ioctl: {
-        const size_t argSize = _IOC_SIZE(request.request);
+        const size_t argSize = _IOC_DIR(request.request) == _IOC_NONE ? 0 : _IOC_SIZE(request.request);
         if (argSize > kMaxPayload || size < argSize) {
           reply.error = EFAULT;
           return;

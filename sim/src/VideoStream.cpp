@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <ctime>
+#include <numeric>
 
 #include "Camera.h"
 #include "RealCalls.h"
@@ -23,6 +25,8 @@ constexpr uint32_t kMaxBuffers = 32;
 // How often an idle or waiting producer looks at faults and the plug state.
 constexpr std::chrono::milliseconds kFaultPoll{10};
 constexpr v4l2_fract kDefaultInterval{1, 30};
+// uvcvideo's metadata buffer size.
+constexpr uint32_t kMetaBufferSize = 10240;
 
 void copyText(uint8_t* dst, size_t size, const std::string& text) {
   // The rest stays zero, so the copy is always terminated.
@@ -63,6 +67,7 @@ VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, std::
       captureNode_(captureNode),
       busInfo_(std::move(busInfo)),
       eventFd_(eventFd) {
+  shared().change(nodeKey(), V4L2_PRIORITY_UNSET, priority_);
   const CameraConfig config = camera_->config();
   if (!config.video.sizes.empty()) {
     const FrameSize& first = config.video.sizes.front();
@@ -74,15 +79,17 @@ VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, std::
     width_ = 640;
     height_ = 480;
   }
-  sizeImage_ = width_ * height_ * 2;
+  sizeImage_ = captureNode_ ? width_ * height_ * 2 : kMetaBufferSize;
 }
 
 VideoStream::~VideoStream() {
+  shared().change(nodeKey(), priority_, V4L2_PRIORITY_UNSET);
   shutdown();
   real::close(eventFd_);
 }
 
 void VideoStream::shutdown() {
+  shared().own(nodeKey(), this, false);
   std::unique_lock<std::mutex> lock(mutex_);
   stopProducer(lock);
   streaming_ = false;
@@ -102,9 +109,10 @@ bool VideoStream::breakStream() {
 }
 
 int VideoStream::ioctl(unsigned long request, void* arg) {
-  if (!arg && request != VIDIOC_LOG_STATUS) return EFAULT;
   if (!camera_->plugged()) breakStream();
   if (broken_) return ENODEV;
+  if (!known(request)) return ENOTTY;
+  if (arg == nullptr) return EFAULT;
   switch (request) {
     case VIDIOC_QUERYCAP:
       return querycap(static_cast<v4l2_capability*>(arg));
@@ -134,9 +142,138 @@ int VideoStream::ioctl(unsigned long request, void* arg) {
       return streamOn(static_cast<const int*>(arg));
     case VIDIOC_STREAMOFF:
       return streamOff(static_cast<const int*>(arg));
+    case VIDIOC_TRY_FMT:
+      return tryFmt(static_cast<v4l2_format*>(arg));
+    case VIDIOC_ENUMINPUT:
+      return enumInput(static_cast<v4l2_input*>(arg));
+    case VIDIOC_G_INPUT:
+      *static_cast<int*>(arg) = 0;
+      return 0;
+    case VIDIOC_S_INPUT:
+      if (const int busy = priorityCheck()) return busy;
+      return *static_cast<const int*>(arg) == 0 ? 0 : EINVAL;
+    case VIDIOC_G_PRIORITY:
+      *static_cast<uint32_t*>(arg) = shared().highest(nodeKey());
+      return 0;
+    case VIDIOC_S_PRIORITY:
+      return setPriority(*static_cast<const uint32_t*>(arg));
     default:
       return ENOTTY;
   }
+}
+
+bool VideoStream::known(unsigned long request) const {
+  switch (request) {
+    case VIDIOC_QUERYCAP:
+    case VIDIOC_ENUM_FMT:
+    case VIDIOC_G_FMT:
+    case VIDIOC_S_FMT:
+    case VIDIOC_TRY_FMT:
+    case VIDIOC_REQBUFS:
+    case VIDIOC_QUERYBUF:
+    case VIDIOC_QBUF:
+    case VIDIOC_DQBUF:
+    case VIDIOC_STREAMON:
+    case VIDIOC_STREAMOFF:
+    case VIDIOC_G_PRIORITY:
+    case VIDIOC_S_PRIORITY:
+      return true;
+    case VIDIOC_ENUMINPUT:
+    case VIDIOC_G_INPUT:
+    case VIDIOC_S_INPUT:
+      return true;
+    // The metadata node has no sizes or rates.
+    case VIDIOC_ENUM_FRAMESIZES:
+    case VIDIOC_ENUM_FRAMEINTERVALS:
+    case VIDIOC_G_PARM:
+    case VIDIOC_S_PARM:
+      return captureNode_;
+    default:
+      return false;
+  }
+}
+
+VideoStream::NodeShared& VideoStream::shared() {
+  static auto* shared = new NodeShared();
+  return *shared;
+}
+
+uint32_t VideoStream::NodeShared::highest(const Key& key) {
+  std::lock_guard<std::mutex> lock(mutex);
+  const auto& counts = byNode[key];
+  for (uint32_t p = V4L2_PRIORITY_RECORD; p > V4L2_PRIORITY_UNSET; --p)
+    if (counts[p] > 0) return p;
+  return V4L2_PRIORITY_UNSET;
+}
+
+void VideoStream::NodeShared::change(const Key& key, uint32_t from, uint32_t to) {
+  std::lock_guard<std::mutex> lock(mutex);
+  auto& counts = byNode[key];
+  if (from != V4L2_PRIORITY_UNSET) --counts[from];
+  if (to != V4L2_PRIORITY_UNSET) ++counts[to];
+}
+
+bool VideoStream::NodeShared::busy(const Key& key, const VideoStream* self) {
+  std::lock_guard<std::mutex> lock(mutex);
+  auto it = owners.find(key);
+  return it != owners.end() && it->second != self;
+}
+
+void VideoStream::NodeShared::own(const Key& key, const VideoStream* self, bool owns) {
+  std::lock_guard<std::mutex> lock(mutex);
+  auto it = owners.find(key);
+  if (owns && it == owners.end()) owners[key] = self;
+  if (!owns && it != owners.end() && it->second == self) owners.erase(it);
+}
+
+void VideoStream::loadFormatLocked() {
+  if (!states_.empty()) return;
+  NodeShared& all = shared();
+  std::lock_guard<std::mutex> lock(all.mutex);
+  auto it = all.formats.find(nodeKey());
+  if (it == all.formats.end()) return;
+  width_ = it->second.width;
+  height_ = it->second.height;
+  sizeImage_ = static_cast<uint32_t>(static_cast<uint64_t>(width_) * height_ * 2);
+  interval_ = it->second.interval;
+}
+
+void VideoStream::storeFormatLocked() {
+  NodeShared& all = shared();
+  std::lock_guard<std::mutex> lock(all.mutex);
+  all.formats[nodeKey()] = NodeShared::Format{width_, height_, interval_};
+}
+
+VideoStream::Key VideoStream::nodeKey() const { return {cameraId_, captureNode_}; }
+
+int VideoStream::setPriority(uint32_t priority) {
+  if (priority > V4L2_PRIORITY_RECORD) return EINVAL;
+  if (const int busy = priorityCheck()) return busy;
+  // Like the V4L2 core: a descriptor may take any priority; a lower one than
+  // another descriptor's then cannot change the format or the rate.
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (priority == V4L2_PRIORITY_UNSET) priority = V4L2_PRIORITY_DEFAULT;
+  shared().change(nodeKey(), priority_, priority);
+  priority_ = priority;
+  return 0;
+}
+
+int VideoStream::priorityCheck() {
+  uint32_t mine = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    mine = priority_;
+  }
+  return mine < shared().highest(nodeKey()) ? EBUSY : 0;
+}
+
+int VideoStream::enumInput(v4l2_input* input) {
+  const uint32_t index = input->index;
+  if (index != 0) return EINVAL;
+  memset(input, 0, sizeof(*input));
+  copyText(input->name, sizeof(input->name), "Camera 1");
+  input->type = V4L2_INPUT_TYPE_CAMERA;
+  return 0;
 }
 
 int VideoStream::querycap(v4l2_capability* cap) {
@@ -185,6 +322,7 @@ int VideoStream::enumFrameSizes(v4l2_frmsizeenum* fsize) {
       const int err = config.videoFaults.enumSizesErrno;
       return index == sizes.size() && err != 0 ? err : EINVAL;
     }
+    memset(fsize->reserved, 0, sizeof(fsize->reserved));
     fsize->type = V4L2_FRMSIZE_TYPE_DISCRETE;
     fsize->discrete.width = sizes[index].width;
     fsize->discrete.height = sizes[index].height;
@@ -197,6 +335,7 @@ int VideoStream::enumFrameSizes(v4l2_frmsizeenum* fsize) {
   auto [minH, maxH] =
       std::minmax_element(sizes.begin(), sizes.end(), [](auto& a, auto& b) { return a.height < b.height; });
   const bool stepwise = config.video.sizeKind == SizeKind::Stepwise;
+  memset(fsize->reserved, 0, sizeof(fsize->reserved));
   fsize->type = stepwise ? V4L2_FRMSIZE_TYPE_STEPWISE : V4L2_FRMSIZE_TYPE_CONTINUOUS;
   fsize->stepwise.min_width = minW->width;
   fsize->stepwise.max_width = maxW->width;
@@ -214,6 +353,7 @@ int VideoStream::enumFrameIntervals(v4l2_frmivalenum* fival) {
   if (!size || size->intervals.empty()) return EINVAL;
   const uint32_t index = fival->index;
   const auto& iv = size->intervals;
+  memset(fival->reserved, 0, sizeof(fival->reserved));
   if (size->intervalKind == IntervalKind::Discrete) {
     if (index >= iv.size()) return EINVAL;
     fival->type = V4L2_FRMIVAL_TYPE_DISCRETE;
@@ -234,8 +374,10 @@ int VideoStream::enumFrameIntervals(v4l2_frmivalenum* fival) {
 }
 
 int VideoStream::getFmt(v4l2_format* fmt) {
-  if (!captureNode_ || fmt->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  if (!captureNode_) return fmt->type == V4L2_BUF_TYPE_META_CAPTURE ? metaFmt(fmt) : EINVAL;
+  if (fmt->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
   std::lock_guard<std::mutex> lock(mutex_);
+  loadFormatLocked();
   memset(&fmt->fmt, 0, sizeof(fmt->fmt));
   fmt->fmt.pix.width = width_;
   fmt->fmt.pix.height = height_;
@@ -247,58 +389,154 @@ int VideoStream::getFmt(v4l2_format* fmt) {
   return 0;
 }
 
+// The size a driver takes for the one asked: among discrete sizes the one
+// nearest in area (uvcvideo's measure), else clamped to the range and rounded
+// to its step.
+void VideoStream::adjustSize(const VideoConfig& video, uint32_t& w, uint32_t& h) {
+  const auto& sizes = video.sizes;
+  if (sizes.empty()) {
+    w = std::clamp<uint32_t>(w, 1, kMaxFrameSide);
+    h = std::clamp<uint32_t>(h, 1, kMaxFrameSide);
+    return;
+  }
+  if (video.sizeKind == SizeKind::Discrete) {
+    uint64_t best = UINT64_MAX;
+    uint32_t bw = sizes.front().width;
+    uint32_t bh = sizes.front().height;
+    for (const auto& size : sizes) {
+      const uint64_t common = static_cast<uint64_t>(std::min(w, size.width)) * std::min(h, size.height);
+      const uint64_t distance =
+          static_cast<uint64_t>(w) * h + static_cast<uint64_t>(size.width) * size.height - 2 * common;
+      if (distance < best) {
+        best = distance;
+        bw = size.width;
+        bh = size.height;
+      }
+    }
+    w = bw;
+    h = bh;
+    return;
+  }
+  auto [minW, maxW] =
+      std::minmax_element(sizes.begin(), sizes.end(), [](auto& a, auto& b) { return a.width < b.width; });
+  auto [minH, maxH] =
+      std::minmax_element(sizes.begin(), sizes.end(), [](auto& a, auto& b) { return a.height < b.height; });
+  const uint32_t step = video.sizeKind == SizeKind::Stepwise ? 16 : 1;
+  auto fit = [step](uint32_t value, uint32_t low, uint32_t high) {
+    value = std::clamp(value, low, high);
+    value = low + (value - low + step / 2) / step * step;
+    return std::min(value, high);
+  };
+  w = fit(w, minW->width, maxW->width);
+  h = fit(h, minH->height, maxH->height);
+}
+
+void VideoStream::fillFormat(v4l2_format* fmt, uint32_t w, uint32_t h, uint32_t pixelFormat) {
+  memset(&fmt->fmt, 0, sizeof(fmt->fmt));
+  fmt->fmt.pix.width = w;
+  fmt->fmt.pix.height = h;
+  fmt->fmt.pix.pixelformat = pixelFormat;
+  fmt->fmt.pix.field = V4L2_FIELD_NONE;
+  fmt->fmt.pix.bytesperline = w * 2;
+  fmt->fmt.pix.sizeimage = static_cast<uint32_t>(static_cast<uint64_t>(w) * h * 2);
+  fmt->fmt.pix.colorspace = V4L2_COLORSPACE_SRGB;
+}
+
+int VideoStream::tryFmt(v4l2_format* fmt) {
+  if (!captureNode_) return fmt->type == V4L2_BUF_TYPE_META_CAPTURE ? metaFmt(fmt) : EINVAL;
+  if (fmt->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  const CameraConfig config = camera_->config();
+  uint32_t w = fmt->fmt.pix.width;
+  uint32_t h = fmt->fmt.pix.height;
+  adjustSize(config.video, w, h);
+  fillFormat(fmt, w, h, V4L2_PIX_FMT_YUYV);
+  return 0;
+}
+
+int VideoStream::metaFmt(v4l2_format* fmt) {
+  memset(&fmt->fmt, 0, sizeof(fmt->fmt));
+  fmt->fmt.meta.dataformat = V4L2_META_FMT_UVC;
+  fmt->fmt.meta.buffersize = kMetaBufferSize;
+  return 0;
+}
+
 int VideoStream::setFmt(v4l2_format* fmt) {
-  if (!captureNode_ || fmt->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  if (!captureNode_) return fmt->type == V4L2_BUF_TYPE_META_CAPTURE ? metaFmt(fmt) : EINVAL;
+  if (fmt->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
   const CameraConfig config = camera_->config();
   const VideoFaults& faults = config.videoFaults;
   if (faults.formatError != 0) return faults.formatError;
+  if (const int busy = priorityCheck()) return busy;
   std::lock_guard<std::mutex> lock(mutex_);
   if (!states_.empty()) return EBUSY;
   uint32_t w = fmt->fmt.pix.width;
   uint32_t h = fmt->fmt.pix.height;
-  // Like a driver: an unknown discrete size becomes the first one offered.
-  if (config.video.sizeKind == SizeKind::Discrete && !config.video.sizes.empty() &&
-      !findSize(config.video, w, h)) {
-    w = config.video.sizes.front().width;
-    h = config.video.sizes.front().height;
-  }
+  adjustSize(config.video, w, h);
   if (faults.answerWidth != 0) w = faults.answerWidth;
   if (faults.answerHeight != 0) h = faults.answerHeight;
-  if (w == 0 || h == 0 || w > 16384 || h > 16384) return EINVAL;
+  if (w == 0 || h == 0 || w > kMaxFrameSide || h > kMaxFrameSide) return EINVAL;
   width_ = w;
   height_ = h;
-  sizeImage_ = w * h * 2;
+  sizeImage_ = static_cast<uint32_t>(static_cast<uint64_t>(w) * h * 2);
   const FrameSize* size = findSize(config.video, w, h);
   interval_ = size && size->intervalKind == IntervalKind::Discrete && !size->intervals.empty()
                   ? v4l2_fract{size->intervals.front().numerator, size->intervals.front().denominator}
                   : kDefaultInterval;
-  memset(&fmt->fmt, 0, sizeof(fmt->fmt));
-  fmt->fmt.pix.width = w;
-  fmt->fmt.pix.height = h;
-  fmt->fmt.pix.pixelformat = faults.answerPixelFormat != 0 ? faults.answerPixelFormat : V4L2_PIX_FMT_YUYV;
-  fmt->fmt.pix.field = V4L2_FIELD_NONE;
-  fmt->fmt.pix.bytesperline = w * 2;
-  fmt->fmt.pix.sizeimage = sizeImage_;
-  fmt->fmt.pix.colorspace = V4L2_COLORSPACE_SRGB;
+  storeFormatLocked();
+  fillFormat(fmt, w, h, faults.answerPixelFormat != 0 ? faults.answerPixelFormat : V4L2_PIX_FMT_YUYV);
   return 0;
 }
 
 int VideoStream::getParm(v4l2_streamparm* parm) {
   if (!captureNode_ || parm->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
   std::lock_guard<std::mutex> lock(mutex_);
+  loadFormatLocked();
   memset(&parm->parm, 0, sizeof(parm->parm));
   parm->parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
   parm->parm.capture.timeperframe = interval_;
-  parm->parm.capture.readbuffers = static_cast<uint32_t>(states_.size());
   return 0;
+}
+
+// The interval a driver takes for the one asked: the nearest listed one, or
+// the range's, rounded to its step. A zero denominator asks for the longest.
+v4l2_fract VideoStream::nearestInterval(const FrameSize* size, v4l2_fract asked) const {
+  if (size == nullptr || size->intervals.empty()) return interval_;
+  auto seconds = [](uint32_t n, uint32_t d) { return d == 0 ? 1e9 : static_cast<double>(n) / d; };
+  const double want = seconds(asked.numerator, asked.denominator);
+  const auto& iv = size->intervals;
+  if (size->intervalKind == IntervalKind::Discrete) {
+    const FrameInterval* best = &iv.front();
+    for (const FrameInterval& i : iv) {
+      if (std::abs(seconds(i.numerator, i.denominator) - want) <
+          std::abs(seconds(best->numerator, best->denominator) - want)) {
+        best = &i;
+      }
+    }
+    return {best->numerator, best->denominator};
+  }
+  const FrameInterval& min = iv[0];
+  const FrameInterval& max = iv.size() > 1 ? iv[1] : iv[0];
+  const FrameInterval& step = iv.size() > 2 ? iv[2] : FrameInterval{1, 1000};
+  const double low = seconds(min.numerator, min.denominator);
+  const double high = seconds(max.numerator, max.denominator);
+  const double unit = seconds(step.numerator, step.denominator);
+  double chosen = std::clamp(want, low, high);
+  if (unit > 0) chosen = std::min(high, low + std::round((chosen - low) / unit) * unit);
+  // In microseconds, as uvcvideo reports intervals (100 ns units, reduced).
+  const auto micros = static_cast<uint32_t>(std::llround(chosen * 1e6));
+  const uint32_t divisor = std::gcd(micros, 1000000u);
+  return {micros / divisor, 1000000u / divisor};
 }
 
 int VideoStream::setParm(v4l2_streamparm* parm) {
   if (!captureNode_ || parm->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  if (const int busy = priorityCheck()) return busy;
+  const CameraConfig config = camera_->config();
   std::lock_guard<std::mutex> lock(mutex_);
-  const v4l2_fract asked = parm->parm.capture.timeperframe;
-  // A zero part cannot be a frame period; keep the current one.
-  if (asked.numerator != 0 && asked.denominator != 0) interval_ = asked;
+  if (streaming_) return EBUSY;
+  loadFormatLocked();
+  interval_ = nearestInterval(findSize(config.video, width_, height_), parm->parm.capture.timeperframe);
+  storeFormatLocked();
   memset(&parm->parm, 0, sizeof(parm->parm));
   parm->parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
   parm->parm.capture.timeperframe = interval_;
@@ -306,13 +544,20 @@ int VideoStream::setParm(v4l2_streamparm* parm) {
 }
 
 int VideoStream::reqbufs(v4l2_requestbuffers* req) {
-  if (!captureNode_ || req->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  if (req->type != bufferType()) return EINVAL;
   if (req->memory != V4L2_MEMORY_MMAP) return EINVAL;
+  if (shared().busy(nodeKey(), this)) return EBUSY;
   std::lock_guard<std::mutex> lock(mutex_);
   if (streaming_) return EBUSY;
   releaseBuffersLocked();
+  shared().own(nodeKey(), this, false);
+  loadFormatLocked();
   const uint32_t count = std::min(req->count, kMaxBuffers);
   req->count = count;
+  // Mappings outlive REQBUFS(0): each holds the memory it maps.
+  req->capabilities = V4L2_BUF_CAP_SUPPORTS_MMAP | V4L2_BUF_CAP_SUPPORTS_ORPHANED_BUFS;
+  req->flags = 0;
+  memset(req->reserved, 0, sizeof(req->reserved));
   if (count == 0) return 0;
   int fd = memfd_create("tqsim-video", MFD_CLOEXEC);
   if (fd == -1) return ENOMEM;
@@ -332,6 +577,7 @@ int VideoStream::reqbufs(v4l2_requestbuffers* req) {
   bufferStride_ = stride;
   memorySize_ = total;
   states_.assign(count, BufferState::Dequeued);
+  shared().own(nodeKey(), this, true);
   return 0;
 }
 
@@ -371,7 +617,7 @@ void VideoStream::fillBufferInfoLocked(uint32_t index, v4l2_buffer* buf) const {
 }
 
 int VideoStream::querybuf(v4l2_buffer* buf) {
-  if (!captureNode_ || buf->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  if (buf->type != bufferType()) return EINVAL;
   std::lock_guard<std::mutex> lock(mutex_);
   if (buf->index >= states_.size()) return EINVAL;
   fillBufferInfoLocked(buf->index, buf);
@@ -379,7 +625,8 @@ int VideoStream::querybuf(v4l2_buffer* buf) {
 }
 
 int VideoStream::qbuf(v4l2_buffer* buf) {
-  if (!captureNode_ || buf->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  if (shared().busy(nodeKey(), this)) return EBUSY;
+  if (buf->type != bufferType()) return EINVAL;
   if (buf->memory != V4L2_MEMORY_MMAP) return EINVAL;
   std::lock_guard<std::mutex> lock(mutex_);
   const uint32_t index = buf->index;
@@ -392,7 +639,8 @@ int VideoStream::qbuf(v4l2_buffer* buf) {
 }
 
 int VideoStream::dqbuf(v4l2_buffer* buf) {
-  if (!captureNode_ || buf->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  if (shared().busy(nodeKey(), this)) return EBUSY;
+  if (buf->type != bufferType()) return EINVAL;
   if (buf->memory != V4L2_MEMORY_MMAP) return EINVAL;
   const int faultErrno = camera_->config().videoFaults.dqbufErrno;
   std::lock_guard<std::mutex> lock(mutex_);
@@ -418,19 +666,22 @@ int VideoStream::dqbuf(v4l2_buffer* buf) {
 }
 
 int VideoStream::streamOn(const int* type) {
-  if (!captureNode_ || *type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  if (shared().busy(nodeKey(), this)) return EBUSY;
+  if (static_cast<uint32_t>(*type) != bufferType()) return EINVAL;
   std::lock_guard<std::mutex> lock(mutex_);
   if (states_.empty()) return EINVAL;
   if (streaming_) return 0;
   streaming_ = true;
   sequence_ = 0;
   stopProducer_ = false;
-  producer_ = std::thread([this] { producerLoop(); });
+  // The metadata node carries no payload here: it streams, but nothing arrives.
+  if (captureNode_) producer_ = std::thread([this] { producerLoop(); });
   return 0;
 }
 
 int VideoStream::streamOff(const int* type) {
-  if (!captureNode_ || *type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
+  if (shared().busy(nodeKey(), this)) return EBUSY;
+  if (static_cast<uint32_t>(*type) != bufferType()) return EINVAL;
   std::unique_lock<std::mutex> lock(mutex_);
   stopProducer(lock);
   streaming_ = false;

@@ -9,16 +9,19 @@
 #include <tqsim/CameraConfig.h>
 #include <tqsim/Sim.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace tqsim {
@@ -70,6 +73,43 @@ class VideoStream {
   };
 
   VideoStream(std::shared_ptr<Camera> camera, bool captureNode, std::string busInfo, int eventFd);
+
+  // What the descriptors open on one node share, as with a driver: the
+  // priorities and which descriptor owns the buffer queue.
+  using Key = std::pair<CameraId, bool>;
+  struct NodeShared {
+    std::mutex mutex;
+    std::map<Key, std::array<int, 4>> byNode;
+    std::map<Key, const VideoStream*> owners;
+    struct Format {
+      uint32_t width = 0;
+      uint32_t height = 0;
+      v4l2_fract interval{1, 30};
+    };
+    std::map<Key, Format> formats;  // the node's current format, set by S_FMT / S_PARM
+    uint32_t highest(const Key& key);
+    void change(const Key& key, uint32_t from, uint32_t to);
+    bool busy(const Key& key, const VideoStream* self);  // another descriptor owns the queue
+    void own(const Key& key, const VideoStream* self, bool owns);
+  };
+  static NodeShared& shared();
+  Key nodeKey() const;
+  int setPriority(uint32_t priority);
+  // The node's format into this descriptor's fields (while it has no buffers)
+  // and back.
+  void loadFormatLocked();
+  void storeFormatLocked();
+  int priorityCheck();  // EBUSY when another descriptor has a higher priority
+  bool known(unsigned long request) const;
+  uint32_t bufferType() const {
+    return captureNode_ ? V4L2_BUF_TYPE_VIDEO_CAPTURE : V4L2_BUF_TYPE_META_CAPTURE;
+  }
+  int enumInput(v4l2_input* input);
+  int tryFmt(v4l2_format* fmt);
+  int metaFmt(v4l2_format* fmt);
+  static void adjustSize(const VideoConfig& video, uint32_t& w, uint32_t& h);
+  static void fillFormat(v4l2_format* fmt, uint32_t w, uint32_t h, uint32_t pixelFormat);
+  v4l2_fract nearestInterval(const FrameSize* size, v4l2_fract asked) const;
 
   int querycap(v4l2_capability* cap);
   int enumFmt(v4l2_fmtdesc* desc);
@@ -123,6 +163,7 @@ class VideoStream {
   std::thread producer_;
   uint32_t sequence_ = 0;
   std::atomic<uint32_t> framesProduced_{0};
+  uint32_t priority_ = V4L2_PRIORITY_DEFAULT;
 };
 
 }  // namespace tqsim
