@@ -145,7 +145,10 @@ Emulation& Emulation::instance() {
 
 Emulation* Emulation::ifReady() { return gReady.load(std::memory_order_acquire); }
 
-Emulation::Emulation() { initialise(); }
+Emulation::Emulation() {
+  for (auto& slot : deadFds_) slot.store(-1, std::memory_order_relaxed);
+  initialise();
+}
 
 void Emulation::initialise() {
   const char* owner = std::getenv(kEnvOwnerPid);
@@ -221,6 +224,8 @@ void Emulation::shutdown() {
   active_ = false;
   nodes_.clear();  // joins every serving thread, closes our ends
   openCount_.store(0, std::memory_order_release);
+  for (auto& slot : deadFds_) slot.store(-1, std::memory_order_release);
+  deadCount_.store(0, std::memory_order_release);
   for (Entry& entry : cameras_) entry.camera->setPlugged(false);
   if (ownsStateDir_) {
     ::unlink(statePath_.c_str());
@@ -252,7 +257,9 @@ int Emulation::openNode(const char* path, int flags, bool& handled) {
   if (!node) return -1;
   const int fd = node->callerFd();
   // A stale entry under this number was closed behind our back; drop it.
-  nodes_[fd] = std::move(node);
+  std::unique_ptr<HidrawNode>& slot = nodes_[fd];
+  if (slot) clearDeadLocked(fd);
+  slot = std::move(node);
   openCount_.store(nodes_.size(), std::memory_order_release);
   return fd;
 }
@@ -266,6 +273,7 @@ bool Emulation::closeNode(int fd) {
   node = std::move(it->second);
   nodes_.erase(it);
   openCount_.store(nodes_.size(), std::memory_order_release);
+  clearDeadLocked(fd);
   real::close(fd);
   node.reset();  // joins the serving thread
   return true;
@@ -344,6 +352,33 @@ int Emulation::ioctlNode(int fd, unsigned long request, void* arg, bool& handled
   if (reads && nr == _IOC_NR(HIDIOCGRAWUNIQ(0))) return copyText(config.serial);
   errno = ENOTTY;
   return -1;
+}
+
+bool Emulation::deadNode(int fd) const {
+  if (fd < 0 || !anyDeadNode()) return false;
+  for (const auto& slot : deadFds_)
+    if (slot.load(std::memory_order_acquire) == fd) return true;
+  return false;
+}
+
+void Emulation::markDeadLocked(int fd) {
+  for (auto& slot : deadFds_) {
+    if (slot.load(std::memory_order_relaxed) == -1) {
+      slot.store(fd, std::memory_order_release);
+      deadCount_.fetch_add(1, std::memory_order_acq_rel);
+      return;
+    }
+  }
+}
+
+void Emulation::clearDeadLocked(int fd) {
+  for (auto& slot : deadFds_) {
+    if (slot.load(std::memory_order_relaxed) == fd) {
+      slot.store(-1, std::memory_order_release);
+      deadCount_.fetch_sub(1, std::memory_order_acq_rel);
+      return;
+    }
+  }
 }
 
 bool Emulation::statNode(const char* path, struct stat& out) {
@@ -652,7 +687,10 @@ void Emulation::plugLocked(Entry& entry) {
 void Emulation::unplugLocked(Entry& entry) {
   entry.camera->setPlugged(false);
   for (auto& [fd, node] : nodes_) {
-    if (node->camera() == entry.camera) node->disconnect();
+    if (node->camera() != entry.camera || !node->connected()) continue;
+    // Marked first: a reader the disconnect wakes must already find it dead.
+    markDeadLocked(fd);
+    node->disconnect();
   }
 }
 

@@ -48,6 +48,13 @@ class Emulation {
   int openNode(const char* path, int flags, bool& handled);
   bool closeNode(int fd);  // true: it was ours and is closed now (result in errno-free 0)
   int ioctlNode(int fd, unsigned long request, void* arg, bool& handled);
+  // An open hidraw descriptor whose camera was unplugged (read, write and
+  // poll answer for it as for a gone node). Lock-free: the interposed read,
+  // write and poll ask it from any thread, also while the table lock is held
+  // by the same thread or by one joining a serving thread.
+  bool deadNode(int fd) const;
+  // Whether any such descriptor exists, without the lock.
+  bool anyDeadNode() const { return deadCount_.load(std::memory_order_acquire) != 0; }
   bool statNode(const char* path, struct stat& out);
   bool statxNode(const char* path, struct statx& out);
 
@@ -96,6 +103,14 @@ class Emulation {
   // nodes_.size(), readable without the lock: close and ioctl of a process
   // with no hidraw descriptor open skip the lock.
   std::atomic<size_t> openCount_{0};
+  // Open descriptors of unplugged hidraw nodes, by number (-1: free slot).
+  // Written under the table lock, read without it. More dead descriptors at
+  // once than slots: the extra ones answer as the socket they are.
+  void markDeadLocked(int fd);
+  void clearDeadLocked(int fd);
+  static constexpr size_t kDeadSlots = 64;
+  std::atomic<int> deadFds_[kDeadSlots];
+  std::atomic<size_t> deadCount_{0};
   CameraId nextId_ = 1;
   int nextDevnum_ = 2;
   int nextHidSequence_ = 1;

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,11 +33,6 @@ std::unique_ptr<HidrawNode> HidrawNode::open(std::shared_ptr<Camera> camera, int
 
   std::unique_ptr<HidrawNode> node(
       new HidrawNode(std::move(camera), caller.get(), std::move(ours), std::move(wake)));
-  struct stat info {};
-  if (::fstat(node->callerFd_, &info) == 0) {
-    node->callerDev_ = info.st_dev;
-    node->callerIno_ = info.st_ino;
-  }
   try {
     node->thread_ = std::thread([n = node.get()] { n->serve(); });
   } catch (...) {
@@ -74,29 +68,19 @@ void HidrawNode::sendInput(const std::vector<uint8_t>& report) {
   ::send(ours_.get(), report.data(), report.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
-void HidrawNode::disconnect() {
+bool HidrawNode::disconnect() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!connected_) return;
+    if (!connected_) return false;
     connected_ = false;
-    // Only take the number over while it still is our socket: a caller that
-    // closed it behind our back (close_range, a raw syscall) may reuse it.
-    struct stat info {};
-    if (::fstat(callerFd_, &info) == 0 && info.st_dev == callerDev_ && info.st_ino == callerIno_) {
-      // A directory: select reports it readable (the kernel reports a gone
-      // hidraw node with POLLERR | POLLHUP), read fails (EISDIR where the
-      // kernel says EIO) and write fails (EBADF where it says ENODEV).
-      UniqueFd dead(real::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
-      const int fdFlags = ::fcntl(callerFd_, F_GETFD);
-      if (dead.valid()) {
-        ::dup3(dead.get(), callerFd_, (fdFlags >= 0 && (fdFlags & FD_CLOEXEC)) ? O_CLOEXEC : 0);
-      }
-    }
   }
   stop();
-  // Closing our end wakes a select still waiting: it then looks at the
-  // descriptor again and finds the dead one readable.
-  ours_.reset();
+  // Only our sending side is shut: the caller drains what was queued, then
+  // reads end of file (the interposer makes that EIO), and a blocked read,
+  // poll or select wakes up. Our end stays open until the caller closes its
+  // descriptor, so a write racing the unplug can never raise SIGPIPE.
+  ::shutdown(ours_.get(), SHUT_WR);
+  return true;
 }
 
 void HidrawNode::serve() {

@@ -35,11 +35,13 @@ class HidrawNode {
   // does not read, as the kernel drops reports nobody reads.
   void sendInput(const std::vector<uint8_t>& report);
 
-  // The camera went away: the caller's descriptor number is taken over by a
-  // dead descriptor (select reports it readable, reads and writes fail, as
-  // with a gone hidraw node) and serving stops. ioctls on it are answered
-  // ENODEV by the interposer.
-  void disconnect();
+  // The camera went away, as the kernel shows it on an open hidraw node: the
+  // descriptor stays open, reports already queued can still be read, then
+  // read fails with EIO; write fails with ENODEV and poll reports
+  // POLLERR | POLLHUP (the interposer gives those for a node that is no
+  // longer connected); HIDIOC* ioctls fail with ENODEV. Readers blocked in
+  // read, poll or select wake up. Serving stops. True when it was connected.
+  bool disconnect();
 
  private:
   HidrawNode(std::shared_ptr<Camera> camera, int callerFd, UniqueFd ours, UniqueFd wake);
@@ -48,8 +50,6 @@ class HidrawNode {
 
   std::shared_ptr<Camera> camera_;
   const int callerFd_;  // owned by the caller
-  dev_t callerDev_ = 0;
-  ino_t callerIno_ = 0;
   UniqueFd ours_;
   UniqueFd wake_;  // eventfd that ends the serving thread
   mutable std::mutex mutex_;

@@ -5,7 +5,9 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -196,6 +198,66 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     }
   }
   return tqsim::real::ioctl(fd, request, arg);
+}
+
+// read, write and poll pass straight through except on a hidraw descriptor
+// whose camera was unplugged, which answers as the kernel's gone node does:
+// queued reports first, then EIO; write ENODEV; poll POLLERR | POLLHUP (and
+// POLLOUT, POLLIN while reports are queued). Without such a descriptor the
+// only cost is one atomic load.
+ssize_t read(int fd, void* buf, size_t count) {
+  static std::atomic<void*> slot{nullptr};
+  auto next = nextDefinition<ssize_t (*)(int, void*, size_t)>(slot, "read");
+  if (next == nullptr) {
+    errno = ENOSYS;
+    return -1;
+  }
+  const ssize_t n = next(fd, buf, count);
+  // Our side of a dead node only shuts its sending half, so the socket ends
+  // in end of file once the queue is drained; hidraw says EIO there.
+  if (n == 0 && count > 0) {
+    if (Emulation* emulation = Emulation::ifReady(); emulation != nullptr && emulation->deadNode(fd)) {
+      errno = EIO;
+      return -1;
+    }
+  }
+  return n;
+}
+
+ssize_t write(int fd, const void* buf, size_t count) {
+  if (Emulation* emulation = Emulation::ifReady(); emulation != nullptr && emulation->deadNode(fd)) {
+    errno = ENODEV;
+    return -1;
+  }
+  TQSIM_NEXT(write, ssize_t(*)(int, const void*, size_t), fd, buf, count);
+}
+
+int poll(struct pollfd* fds, nfds_t count, int timeout) {
+  static std::atomic<void*> slot{nullptr};
+  auto next = nextDefinition<int (*)(struct pollfd*, nfds_t, int)>(slot, "poll");
+  if (next == nullptr) {
+    errno = ENOSYS;
+    return -1;
+  }
+  const int ready = next(fds, count, timeout);
+  Emulation* emulation = Emulation::ifReady();
+  if (ready < 0 || fds == nullptr || emulation == nullptr || !emulation->anyDeadNode()) return ready;
+  // A dead node wakes a waiting poll (its socket reads end of file); report
+  // it as hidraw does.
+  int result = 0;
+  for (nfds_t i = 0; i < count; ++i) {
+    pollfd& p = fds[i];
+    if (p.fd >= 0 && emulation->deadNode(p.fd)) {
+      short revents = POLLERR | POLLHUP;
+      revents = static_cast<short>(revents | (p.events & (POLLOUT | POLLWRNORM)));
+      char byte = 0;
+      if (::recv(p.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0)
+        revents = static_cast<short>(revents | (p.events & (POLLIN | POLLRDNORM)));
+      p.revents = revents;
+    }
+    if (p.revents != 0) ++result;
+  }
+  return result;
 }
 
 int stat(const char* path, struct stat* buf) noexcept {

@@ -1,11 +1,11 @@
 // libv4l2 talks to devices with direct system calls, so the emulated video
 // nodes are served by taking over libv4l2's entry points: descriptors of
 // emulated nodes go to their VideoStream, everything else to the real libv4l2.
-// select is wrapped too, so that a node that went away reports EBADF to a
-// waiting client the way an unplugged device ends a capture loop.
+// Waits (select, poll, epoll) are not wrapped: the descriptor itself reports
+// frames and unplug to the real calls (see VideoStream).
 #include <dlfcn.h>
+#include <linux/videodev2.h>
 #include <sys/mman.h>
-#include <sys/select.h>
 #include <tqsim/VideoStatus.h>
 #include <unistd.h>
 
@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -30,7 +31,6 @@ using CloseFn = int (*)(int);
 using IoctlFn = int (*)(int, unsigned long, ...);
 using MmapFn = void* (*)(void*, size_t, int, int, int, int64_t);
 using MunmapFn = int (*)(void*, size_t);
-using SelectFn = int (*)(int, fd_set*, fd_set*, fd_set*, timeval*);
 
 template <typename Fn>
 Fn nextSymbol(const char* name) {
@@ -98,14 +98,16 @@ class VideoTable {
       if (stream->cameraId() == camera) stream->breakStream();
   }
 
-  bool anyBroken(int nfds, const fd_set* sets[3]) {
+  // Notes what a client asked of a camera's node (see VideoRequests).
+  void record(CameraId camera, const std::function<void(VideoRequests&)>& note) {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& [fd, stream] : streams_) {
-      if (fd >= nfds || fd >= FD_SETSIZE || !stream->broken()) continue;
-      for (int i = 0; i < 3; ++i)
-        if (sets[i] && FD_ISSET(fd, sets[i])) return true;
-    }
-    return false;
+    note(requests_[camera]);
+  }
+
+  VideoRequests requests(CameraId camera) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = requests_.find(camera);
+    return it == requests_.end() ? VideoRequests{} : it->second;
   }
 
   void addMapping(void* addr, size_t length, CameraId camera) {
@@ -154,6 +156,7 @@ class VideoTable {
   std::mutex mutex_;
   std::map<int, std::shared_ptr<VideoStream>> streams_;
   std::map<void*, Mapping> mappings_;
+  std::map<CameraId, VideoRequests> requests_;  // ids are never reused
   std::once_flag listenerOnce_;
 };
 
@@ -162,6 +165,41 @@ class VideoTable {
 int openVideoNodes(CameraId id) { return VideoTable::instance().openNodes(id); }
 size_t videoMappings(CameraId id) { return VideoTable::instance().mappings(id); }
 uint32_t videoFramesProduced(CameraId id) { return VideoTable::instance().framesProduced(id); }
+VideoRequests videoRequests(CameraId id) { return VideoTable::instance().requests(id); }
+
+namespace {
+
+// Notes the requests VideoRequests reports, before the node answers them.
+void recordIoctl(CameraId camera, unsigned long request, const void* arg) {
+  if (!arg) return;
+  auto& table = VideoTable::instance();
+  switch (request) {
+    case VIDIOC_REQBUFS: {
+      const uint32_t count = static_cast<const v4l2_requestbuffers*>(arg)->count;
+      table.record(camera, [count](VideoRequests& r) { r.buffersAsked = count; });
+      break;
+    }
+    case VIDIOC_S_PARM: {
+      const v4l2_fract asked = static_cast<const v4l2_streamparm*>(arg)->parm.capture.timeperframe;
+      table.record(camera, [asked](VideoRequests& r) {
+        r.intervalNumerator = asked.numerator;
+        r.intervalDenominator = asked.denominator;
+        ++r.parmSets;
+      });
+      break;
+    }
+    case VIDIOC_STREAMOFF:
+      table.record(camera, [](VideoRequests& r) { ++r.streamOffs; });
+      break;
+    case VIDIOC_DQBUF:
+      table.record(camera, [](VideoRequests& r) { ++r.dequeues; });
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace
 
 }  // namespace tqsim
 
@@ -180,6 +218,7 @@ __attribute__((visibility("default"))) int v4l2_open(const char* file, int oflag
         errno = ENODEV;
         return -1;
       }
+      VideoTable::instance().record(camera->id(), [oflag](tqsim::VideoRequests& r) { r.openFlags = oflag; });
       return VideoTable::instance().open(camera, camera->isCaptureNode(file));
     }
   }
@@ -203,6 +242,7 @@ __attribute__((visibility("default"))) int v4l2_ioctl(int fd, unsigned long requ
   void* arg = va_arg(ap, void*);
   va_end(ap);
   if (auto stream = VideoTable::instance().find(fd)) {
+    tqsim::recordIoctl(stream->cameraId(), request, arg);
     const int err = stream->ioctl(request, arg);
     if (err == 0) return 0;
     errno = err;
@@ -219,6 +259,8 @@ __attribute__((visibility("default"))) int v4l2_ioctl(int fd, unsigned long requ
 __attribute__((visibility("default"))) void* v4l2_mmap(void* start, size_t length, int prot, int flags,
                                                        int fd, int64_t offset) {
   if (auto stream = VideoTable::instance().find(fd)) {
+    VideoTable::instance().record(stream->cameraId(),
+                                  [prot](tqsim::VideoRequests& r) { r.mapProtection = prot; });
     int err = 0;
     void* addr = stream->mmap(length, prot, flags, offset, &err);
     if (addr == MAP_FAILED) {
@@ -240,32 +282,6 @@ __attribute__((visibility("default"))) int v4l2_munmap(void* start, size_t lengt
   if (VideoTable::instance().removeMapping(start)) return ::munmap(start, length);
   static const auto next = tqsim::nextSymbol<tqsim::MunmapFn>("v4l2_munmap");
   return next ? next(start, length) : ::munmap(start, length);
-}
-
-__attribute__((visibility("default"))) int select(int nfds, fd_set* readfds, fd_set* writefds,
-                                                  fd_set* exceptfds, timeval* timeout) {
-  static const auto next = reinterpret_cast<tqsim::SelectFn>(dlsym(RTLD_NEXT, "select"));
-  auto& table = VideoTable::instance();
-  // Keep the sets asked for: a node may go away while we wait.
-  fd_set in[3];
-  const fd_set* asked[3] = {readfds, writefds, exceptfds};
-  const fd_set* copies[3] = {nullptr, nullptr, nullptr};
-  for (int i = 0; i < 3; ++i) {
-    if (asked[i]) {
-      in[i] = *asked[i];
-      copies[i] = &in[i];
-    }
-  }
-  if (table.anyBroken(nfds, copies)) {
-    errno = EBADF;
-    return -1;
-  }
-  int rc = next(nfds, readfds, writefds, exceptfds, timeout);
-  if (rc > 0 && table.anyBroken(nfds, copies)) {
-    errno = EBADF;
-    return -1;
-  }
-  return rc;
 }
 
 }  // extern "C"

@@ -1,7 +1,8 @@
 #include "VideoStream.h"
 
-#include <sys/eventfd.h>
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <tqsim/FramePattern.h>
 #include <unistd.h>
 
@@ -43,17 +44,21 @@ size_t pageAligned(size_t n) {
 
 std::unique_ptr<VideoStream> VideoStream::create(std::shared_ptr<Camera> camera, bool captureNode,
                                                  int* error) {
-  // Semaphore mode: one read consumes one finished frame.
-  int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
-  if (fd == -1) {
+  // A stream socket: one byte per finished frame, one recv consumes one.
+  int fds[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds) != 0) {
     if (error) *error = errno;
     return nullptr;
   }
-  return std::unique_ptr<VideoStream>(new VideoStream(std::move(camera), captureNode, fd));
+  return std::unique_ptr<VideoStream>(new VideoStream(std::move(camera), captureNode, fds[0], fds[1]));
 }
 
-VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, int eventFd)
-    : camera_(std::move(camera)), cameraId_(camera_->id()), captureNode_(captureNode), eventFd_(eventFd) {
+VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, int clientFd, int peerFd)
+    : camera_(std::move(camera)),
+      cameraId_(camera_->id()),
+      captureNode_(captureNode),
+      clientFd_(clientFd),
+      peer_(peerFd) {
   const CameraConfig config = camera_->config();
   if (!config.video.sizes.empty()) {
     const FrameSize& first = config.video.sizes.front();
@@ -75,16 +80,37 @@ void VideoStream::shutdown() {
   stopProducer(lock);
   streaming_ = false;
   releaseBuffersLocked();
+  // The client closes its descriptor next and the number may be reused at
+  // once: from here on nothing may send to it or read from it.
+  broken_ = true;
+  peer_.reset();
 }
 
 bool VideoStream::breakStream() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (broken_.exchange(true)) return false;
-  // Wake a select that waits on the descriptor; the select wrapper then sees
-  // the broken stream and reports the error.
-  uint64_t one = 1;
-  ssize_t n = write(eventFd_, &one, sizeof(one));
+  // A disconnected video node polls POLLERR | POLLHUP | POLLPRI. The kernel
+  // shows a socket so once its far end is gone: closing the far end while it
+  // holds unread data gives ECONNRESET (POLLERR) and both shutdowns (POLLHUP,
+  // and POLLIN), and an urgent byte (AF_UNIX out-of-band data) gives POLLPRI.
+  // The urgent byte alone would wake a waiting client with POLLIN only, so the
+  // finished state is built on a fresh pair and put under the client's number
+  // in one step (dup3); then closing our end of the old pair wakes a wait in
+  // progress with POLLERR | POLLHUP.
+  const char byte = 0;
+  ssize_t n = send(clientFd_, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+  int fresh[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fresh) == 0) {
+    n = send(fresh[1], &byte, 1, MSG_OOB | MSG_DONTWAIT | MSG_NOSIGNAL);
+    n = send(fresh[0], &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+    real::close(fresh[1]);
+    // The client's number stays open throughout: shutdown() marks the stream
+    // broken before the client's close, so this never hits a reused number.
+    dup3(fresh[0], clientFd_, O_CLOEXEC);
+    real::close(fresh[0]);
+  }
   (void)n;
+  peer_.reset();
   wake_.notify_all();
   return true;
 }
@@ -379,10 +405,12 @@ int VideoStream::qbuf(v4l2_buffer* buf) {
 int VideoStream::dqbuf(v4l2_buffer* buf) {
   if (!captureNode_ || buf->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
   if (buf->memory != V4L2_MEMORY_MMAP) return EINVAL;
-  const int faultErrno = camera_->config().videoFaults.dqbufErrno;
+  const VideoFaults faults = camera_->config().videoFaults;
+  const int faultErrno = faults.dqbufErrno;
   std::lock_guard<std::mutex> lock(mutex_);
   if (!streaming_) return EINVAL;
-  if (done_.empty()) return EAGAIN;
+  // dqbufAgain: readable, yet nothing to take (the frames stay ready).
+  if (done_.empty() || faults.dqbufAgain) return EAGAIN;
   DoneFrame frame = done_.front();
   done_.pop_front();
   consumeFrameSignalLocked();
@@ -444,13 +472,15 @@ void VideoStream::dropReadyFramesLocked() {
 }
 
 bool VideoStream::signalFrameLocked() {
-  uint64_t one = 1;
-  return write(eventFd_, &one, sizeof(one)) == static_cast<ssize_t>(sizeof(one));
+  if (broken_) return false;
+  const char byte = 1;
+  return send(peer_.get(), &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL) == 1;
 }
 
 bool VideoStream::consumeFrameSignalLocked() {
-  uint64_t value = 0;
-  return read(eventFd_, &value, sizeof(value)) == static_cast<ssize_t>(sizeof(value));
+  if (broken_) return false;
+  char byte = 0;
+  return recv(clientFd_, &byte, 1, MSG_DONTWAIT) == 1;
 }
 
 void VideoStream::releaseBuffersLocked() {

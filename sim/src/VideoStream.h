@@ -1,8 +1,11 @@
 // One open descriptor of an emulated video node: its format, frame interval,
 // buffers (one memfd, mappable by the client) and the producer thread that
-// fills queued buffers with the test pattern. The descriptor handed out is an
-// eventfd that counts finished frames, so a client's select/poll on it is the
-// real call: readable exactly while a VIDIOC_DQBUF would succeed.
+// fills queued buffers with the test pattern. The descriptor handed out is one
+// end of a socket pair; the emulation sends one byte from the other end per
+// finished frame, so a client's select/poll on it is the real call: readable
+// exactly while a VIDIOC_DQBUF would succeed. A socket (not an eventfd) so
+// that an unplug can make the kernel itself report the descriptor the way it
+// reports a disconnected video node (see breakStream).
 #pragma once
 
 #include <linux/videodev2.h>
@@ -20,6 +23,8 @@
 #include <thread>
 #include <vector>
 
+#include "UniqueFd.h"
+
 namespace tqsim {
 
 class Camera;
@@ -27,13 +32,13 @@ class Camera;
 class VideoStream {
  public:
   // Opens the node for `camera`; null with *error set (errno value) when the
-  // eventfd cannot be made.
+  // socket pair cannot be made.
   static std::unique_ptr<VideoStream> create(std::shared_ptr<Camera> camera, bool captureNode, int* error);
   ~VideoStream();
   VideoStream(const VideoStream&) = delete;
   VideoStream& operator=(const VideoStream&) = delete;
 
-  int fd() const { return eventFd_; }
+  int fd() const { return clientFd_; }
   CameraId cameraId() const { return cameraId_; }
 
   // 0, or the errno value the ioctl fails with.
@@ -41,14 +46,17 @@ class VideoStream {
   // A mapping of buffer memory, or MAP_FAILED with *error set.
   void* mmap(size_t length, int prot, int flags, int64_t offset, int* error);
 
-  // The node went away (unplug, or the select fault): every later ioctl fails
-  // with ENODEV and select on the descriptor reports EBADF. Wakes a select
-  // that is waiting. Returns true the first time.
+  // The node went away (unplug, or the selectFails fault): every later ioctl
+  // and mmap fails with ENODEV, and the descriptor polls as a disconnected
+  // video node does, POLLERR | POLLHUP | POLLPRI (select: readable, writable
+  // and exceptional), waking a wait already in progress. The descriptor stays
+  // open and existing mappings stay valid. Returns true the first time.
   bool breakStream();
   bool broken() const { return broken_.load(); }
 
-  // Stops the producer and releases the buffers; the descriptor stays open
-  // (the owner closes it after removing the stream from its table).
+  // Stops the producer and releases the buffers; the client's descriptor stays
+  // open (the owner closes it after removing the stream from its table) and is
+  // never touched again.
   void shutdown();
 
   uint32_t framesProduced() const { return framesProduced_.load(); }
@@ -62,7 +70,7 @@ class VideoStream {
     timeval timestamp;
   };
 
-  VideoStream(std::shared_ptr<Camera> camera, bool captureNode, int eventFd);
+  VideoStream(std::shared_ptr<Camera> camera, bool captureNode, int clientFd, int peerFd);
 
   int querycap(v4l2_capability* cap);
   int enumFmt(v4l2_fmtdesc* desc);
@@ -91,9 +99,12 @@ class VideoStream {
   const std::shared_ptr<Camera> camera_;
   const CameraId cameraId_;
   const bool captureNode_;
-  const int eventFd_;
+  const int clientFd_;  // the client's descriptor; the client closes it
 
   mutable std::mutex mutex_;
+  // Our end of the pair: frame bytes go out here. Closed when the stream breaks.
+  UniqueFd peer_;
+
   std::condition_variable wake_;
   std::atomic<bool> broken_{false};
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <linux/input.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -257,6 +258,8 @@ TEST_F(HidrawNode, EventsReachEveryOpenDescriptor) {
 
 TEST_F(HidrawNode, UnplugMakesTheNodeVanishAndOpenDescriptorsFail) {
   start();
+  // Queued before the unplug: still read afterwards, as from a gone hidraw node.
+  ASSERT_TRUE(tqsim::sendEvent(id_, {7}));
   ASSERT_TRUE(tqsim::unplugCamera(id_));
   struct stat st {};
   EXPECT_EQ(stat("/dev/hidraw0", &st), -1);
@@ -271,8 +274,17 @@ TEST_F(HidrawNode, UnplugMakesTheNodeVanishAndOpenDescriptorsFail) {
   EXPECT_EQ(errno, ENODEV);
   const auto report = command(0x5C, {0, 0, 0, 0, 0, 0});
   EXPECT_EQ(write(fd_, report.data(), report.size()), -1);
+  EXPECT_EQ(errno, ENODEV);
+  pollfd p = {fd_, POLLIN | POLLOUT, 0};
+  EXPECT_EQ(poll(&p, 1, 0), 1);
+  EXPECT_EQ(p.revents, POLLIN | POLLOUT | POLLERR | POLLHUP);
   uint8_t buffer[64];
+  EXPECT_EQ(read(fd_, buffer, sizeof buffer), 64);
+  EXPECT_EQ(buffer[0], 2);
+  EXPECT_EQ(poll(&p, 1, 0), 1);
+  EXPECT_EQ(p.revents, POLLOUT | POLLERR | POLLHUP);
   EXPECT_EQ(read(fd_, buffer, sizeof buffer), -1);
+  EXPECT_EQ(errno, EIO);
   EXPECT_FALSE(tqsim::sendEvent(id_, {1}));
 
   ASSERT_TRUE(tqsim::replugCamera(id_));
@@ -319,6 +331,7 @@ TEST_F(HidrawNode, UnplugWakesABlockedReader) {
   EXPECT_EQ(selected, 1) << "select timed out instead of waking on the unplug";
   uint8_t buffer[64];
   EXPECT_EQ(read(fd_, buffer, sizeof buffer), -1);
+  EXPECT_EQ(errno, EIO);
 }
 
 TEST_F(HidrawNode, NodeNumbersFollowTheConfiguration) {
