@@ -1,5 +1,6 @@
 #include "ConfigFile.h"
 
+#include <sys/stat.h>
 #include <tqsim/Sim.h>
 
 #include <cctype>
@@ -199,6 +200,13 @@ bool parseSize(const std::string& raw, FrameSize& size, std::string& why) {
 }
 
 bool readFile(const std::string& path, std::string& out) {
+  // Regular files only: a device or fifo named by mistake (xml = /dev/zero)
+  // would never end.
+  struct stat st {};
+  if (::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+    errno = EINVAL;
+    return false;
+  }
   std::ifstream in(path, std::ios::binary);
   if (!in) return false;
   std::ostringstream text;

@@ -308,6 +308,7 @@ OpenedNode Emulation::openNode(const char* path, int flags, int owner, bool& han
       opened.error = ENODEV;
       return opened;
     }
+    requests_[entry->camera->id()].openFlags = flags;
     const bool capture = entry->camera->nodeNumbers().video == name.number;
     int error = 0;
     node.video = VideoStream::create(entry->camera, capture, flags,
@@ -364,19 +365,21 @@ int64_t Emulation::nodeIoctl(int id, unsigned long request, void* arg) {
     if (it == nodes_.end()) return -EBADF;
     if (it->second.kind == NodeKind::Hidraw) return hidrawIoctlLocked(it->second, request, arg);
     video = it->second.video;
+    recordLocked(it->second.camera->id(), request, arg);
   }
   // Outside the table lock: STREAMOFF joins the producer.
   const int error = video->ioctl(request, arg);
   return error == 0 ? 0 : -error;
 }
 
-int Emulation::nodeMapFd(int id, uint64_t offset, uint64_t length, int flags, int& fd) {
+int Emulation::nodeMapFd(int id, uint64_t offset, uint64_t length, int prot, int flags, int& fd) {
   std::shared_ptr<VideoStream> video;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = nodes_.find(id);
     if (it == nodes_.end()) return EBADF;
     video = it->second.video;
+    if (video) requests_[it->second.camera->id()].mapProtection = prot;
   }
   if (!video) return ENODEV;  // hidraw has no mmap
   return video->mapFd(offset, length, flags, fd);
@@ -391,6 +394,38 @@ int Emulation::nodePollState(int id) {
     video = it->second.video;
   }
   return video ? video->pollState() : 0;
+}
+
+// Notes what VideoRequests reports, before the node answers.
+void Emulation::recordLocked(CameraId camera, unsigned long request, const void* arg) {
+  if (arg == nullptr) return;
+  VideoRequests& r = requests_[camera];
+  switch (request) {
+    case VIDIOC_REQBUFS:
+      r.buffersAsked = static_cast<const v4l2_requestbuffers*>(arg)->count;
+      break;
+    case VIDIOC_S_PARM: {
+      const v4l2_fract asked = static_cast<const v4l2_streamparm*>(arg)->parm.capture.timeperframe;
+      r.intervalNumerator = asked.numerator;
+      r.intervalDenominator = asked.denominator;
+      ++r.parmSets;
+      break;
+    }
+    case VIDIOC_STREAMOFF:
+      ++r.streamOffs;
+      break;
+    case VIDIOC_DQBUF:
+      ++r.dequeues;
+      break;
+    default:
+      break;
+  }
+}
+
+VideoRequests Emulation::videoRequests(CameraId id) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = requests_.find(id);
+  return it == requests_.end() ? VideoRequests{} : it->second;
 }
 
 int64_t Emulation::hidrawIoctlLocked(Node& node, unsigned long request, void* arg) {

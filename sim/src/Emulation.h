@@ -12,6 +12,7 @@
 #pragma once
 
 #include <sys/stat.h>
+#include <tqsim/VideoStatus.h>
 
 #include <atomic>
 #include <map>
@@ -84,7 +85,7 @@ class Emulation {
   int64_t nodeIoctl(int node, unsigned long request, void* arg);
   // A descriptor of the node's buffer memory for a mapping of length bytes at
   // offset (the caller maps and closes it), or an errno value.
-  int nodeMapFd(int node, uint64_t offset, uint64_t length, int flags, int& fd);
+  int nodeMapFd(int node, uint64_t offset, uint64_t length, int prot, int flags, int& fd);
   // Poll bits the node's state adds (POLLERR before streaming, POLLERR|POLLHUP
   // once gone), 0 when the descriptor's own readiness tells all; -1: unknown node.
   int nodePollState(int node);
@@ -109,6 +110,7 @@ class Emulation {
   int openNodes(CameraId id) const;
   int openVideoNodes(CameraId id) const;
   uint32_t videoFramesProduced(CameraId id) const;
+  VideoRequests videoRequests(CameraId id) const;
   int addListener(PlugListener listener);
   void removeListener(int token);
 
@@ -143,6 +145,7 @@ class Emulation {
   void unplugLocked(Entry& entry);
   void writeStateLocked();
   void notify(const std::shared_ptr<Camera>& camera, bool plugged);
+  void recordLocked(CameraId camera, unsigned long request, const void* arg);
   int64_t hidrawIoctlLocked(Node& node, unsigned long request, void* arg);
   Entry* entryBySerialLocked(const std::string& serial);
   std::vector<std::shared_ptr<VideoStream>> streamsLocked(const std::shared_ptr<Camera>& camera) const;
@@ -152,6 +155,7 @@ class Emulation {
   bool initialised_ = false;
   std::vector<Entry> cameras_;
   std::map<int, Node> nodes_;
+  std::map<CameraId, VideoRequests> requests_;  // ids are never reused
   int nextNode_ = 1;
   CameraId nextId_ = 1;
   int nextDevnum_ = 2;

@@ -438,15 +438,21 @@ void duplicated(int from, int to) {
 bool ioctl(int fd, unsigned long request, void* arg, int& result) {
   FdEntry entry;
   if (!frontend().find(fd, entry) || isFileLevelRequest(request)) return false;
+  bool wasReady = false;
   for (;;) {
     const int64_t answer = nodeIoctl(entry, request, arg);
     if (answer == -EAGAIN && request == VIDIOC_DQBUF && entry.kind == NodeKind::Video) {
       const int status = ::fcntl(fd, F_GETFL);
       if (status >= 0 && (status & O_NONBLOCK) == 0) {
-        // A blocking descriptor waits for the next frame, as the driver does.
+        // A blocking descriptor waits for the next frame, as the driver does;
+        // readable without a frame (a fault) waits the full period instead of
+        // spinning.
         pollfd ready{fd, POLLIN, 0};
         const timespec wait{0, kDequeueWaitMs * 1000000L};
-        real::ppoll(&ready, 1, &wait, nullptr);
+        if (wasReady) {
+          real::ppoll(nullptr, 0, &wait, nullptr);
+        }
+        wasReady = real::ppoll(&ready, 1, &wait, nullptr) == 1;
         continue;
       }
     }
@@ -466,7 +472,8 @@ bool mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset, 
   int memory = -1;
   int error = 0;
   if (!frontend().remote()) {
-    error = Emulation::instance().nodeMapFd(entry.node, static_cast<uint64_t>(offset), length, flags, memory);
+    error = Emulation::instance().nodeMapFd(entry.node, static_cast<uint64_t>(offset), length, prot, flags,
+                                            memory);
   } else {
     Request header;
     header.op = Op::Map;
@@ -474,6 +481,7 @@ bool mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset, 
     header.offset = static_cast<uint64_t>(offset);
     header.length = length;
     header.flags = flags;
+    header.request = static_cast<uint64_t>(prot);
     const Reply reply = frontend().call(header, nullptr, nullptr, 0, &memory, MSG_CMSG_CLOEXEC);
     error = reply.error != 0 ? reply.error : (memory < 0 ? EIO : 0);
   }
@@ -578,18 +586,25 @@ int poll(pollfd* fds, nfds_t count, int timeoutMs, const sigset_t* mask) {
   for (nfds_t i = 0; i < count; ++i) {
     if (state[i] != 0) {
       fds[i].fd = ~fds[i].fd;
-      fds[i].revents = static_cast<short>(state[i]);
+      fds[i].revents = static_cast<short>(state[i] & (POLLERR | POLLHUP | asked[i]));
     } else if (ours[i] && entries[i].kind == NodeKind::Video) {
       // The eventfd is always writable; a capture node never is. A node that
       // went away while we waited made it readable.
       fds[i].revents = static_cast<short>(fds[i].revents & ~(POLLOUT | POLLWRNORM));
       if ((fds[i].revents & POLLIN) != 0) {
         const int now = nodePollState(entries[i]);
-        if (now != 0) fds[i].revents = static_cast<short>(now < 0 ? POLLERR | POLLHUP : now);
+        if (now != 0) {
+          fds[i].revents =
+              static_cast<short>((now < 0 ? POLLERR | POLLHUP : now) & (POLLERR | POLLHUP | asked[i]));
+        }
       }
     } else if (ours[i] && (fds[i].revents & POLLHUP) != 0) {
-      // A gone hidraw node: error and hang-up, readable.
-      fds[i].revents = static_cast<short>((fds[i].revents & ~POLLRDHUP) | POLLERR | (asked[i] & POLLIN));
+      // A gone hidraw node: error and hang-up, always writable, readable while
+      // reports queued before the unplug are left.
+      char byte = 0;
+      const bool queued = ::recv(fds[i].fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+      fds[i].revents = static_cast<short>(POLLERR | POLLHUP | (asked[i] & (POLLOUT | POLLWRNORM)) |
+                                          (queued ? asked[i] & (POLLIN | POLLRDNORM) : 0));
     }
     if (fds[i].revents != 0) ++ready;
   }

@@ -16,7 +16,7 @@ enum class Op : uint32_t {
   Open = 1,   // payload: path; reply: result = node id, extra = NodeKind, fd
   Close,      // node
   Ioctl,      // node, request; payload: the argument's _IOC_SIZE bytes; reply: the same, copied back
-  Map,        // node, offset, length, flags; reply: fd of the buffer memory
+  Map,        // node, offset, length, flags, request = prot; reply: fd of the buffer memory
   PollState,  // node; reply: result = poll bits the node adds (POLLERR...), 0 for none
   Stat,       // payload: path; reply: payload struct stat, or error ENOENT
   Control,    // payload: words separated by NUL; reply: result = exit status, payload = text

@@ -211,7 +211,8 @@ class Server {
       }
       case Op::Map: {
         int fd = -1;
-        reply.error = emulation.nodeMapFd(request.node, request.offset, request.length, request.flags, fd);
+        reply.error = emulation.nodeMapFd(request.node, request.offset, request.length,
+                                          static_cast<int>(request.request), request.flags, fd);
         if (reply.error == 0) passFd = fd;
         return;
       }

@@ -41,6 +41,7 @@ Fn nextSymbol(const char* name) {
 int openVideoNodes(CameraId id) { return front::openVideoNodes(id); }
 size_t videoMappings(CameraId id) { return front::videoMappings(id); }
 uint32_t videoFramesProduced(CameraId id) { return Emulation::instance().videoFramesProduced(id); }
+VideoRequests videoRequests(CameraId id) { return Emulation::instance().videoRequests(id); }
 
 }  // namespace tqsim
 

@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <numeric>
@@ -109,7 +111,7 @@ bool VideoStream::breakStream() {
 }
 
 int VideoStream::ioctl(unsigned long request, void* arg) {
-  if (!camera_->plugged()) breakStream();
+  if (lost()) breakStream();
   if (broken_) return ENODEV;
   if (!known(request)) return ENOTTY;
   if (arg == nullptr) return EFAULT;
@@ -594,10 +596,13 @@ int VideoStream::mapFd(uint64_t offset, uint64_t length, int flags, int& fd) {
   return fd < 0 ? errno : 0;
 }
 
+bool VideoStream::lost() const { return !camera_->plugged() || camera_->config().videoFaults.selectFails; }
+
 int VideoStream::pollState() {
-  if (!camera_->plugged()) breakStream();
+  if (lost()) breakStream();
   std::lock_guard<std::mutex> lock(mutex_);
-  if (broken_) return POLLERR | POLLHUP;
+  // A disconnected node: error, hang-up and an exceptional condition.
+  if (broken_) return POLLERR | POLLHUP | POLLPRI;
   if (!streaming_) return POLLERR;
   return 0;
 }
@@ -642,10 +647,12 @@ int VideoStream::dqbuf(v4l2_buffer* buf) {
   if (shared().busy(nodeKey(), this)) return EBUSY;
   if (buf->type != bufferType()) return EINVAL;
   if (buf->memory != V4L2_MEMORY_MMAP) return EINVAL;
-  const int faultErrno = camera_->config().videoFaults.dqbufErrno;
+  const VideoFaults faults = camera_->config().videoFaults;
+  const int faultErrno = faults.dqbufErrno;
   std::lock_guard<std::mutex> lock(mutex_);
   if (!streaming_) return EINVAL;
-  if (done_.empty()) return EAGAIN;
+  // dqbufAgain: readable, yet nothing to take (the frames stay ready).
+  if (done_.empty() || faults.dqbufAgain) return EAGAIN;
   DoneFrame frame = done_.front();
   done_.pop_front();
   consumeFrameSignalLocked();

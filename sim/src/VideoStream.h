@@ -48,7 +48,8 @@ class VideoStream {
   // A descriptor of the buffer memory for a mapping of length bytes at
   // offset (the caller maps it and closes it), or the errno value.
   int mapFd(uint64_t offset, uint64_t length, int flags, int& fd);
-  // POLLERR before STREAMON, POLLERR | POLLHUP once the node is gone, else 0.
+  // POLLERR before STREAMON, POLLERR | POLLHUP | POLLPRI once the node is gone
+  // (unplug, or the selectFails fault: the driver lost the device), else 0.
   int pollState();
 
   // The node went away (unplug, or the select fault): every later ioctl fails
@@ -101,6 +102,7 @@ class VideoStream {
   void storeFormatLocked();
   int priorityCheck();  // EBUSY when another descriptor has a higher priority
   bool known(unsigned long request) const;
+  bool lost() const;
   uint32_t bufferType() const {
     return captureNode_ ? V4L2_BUF_TYPE_VIDEO_CAPTURE : V4L2_BUF_TYPE_META_CAPTURE;
   }

@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <string>
 
+#include "hid/HidProtocol.h"
+
 // Protocol-layer codes next to the camera's own status bytes 1..18.
 enum : int {
-  HID_ERROR_PROTOCOL_UNDEFINED = -3,
-  HID_ERROR_PROTOCOL_WRONG_ID = -2,
-  HID_ERROR_TIMEOUT = -1,
+  HID_ERROR_PROTOCOL_UNDEFINED = hidproto::kErrorProtocolUndefined,
+  HID_ERROR_PROTOCOL_WRONG_ID = hidproto::kErrorWrongId,
+  HID_ERROR_TIMEOUT = hidproto::kErrorTimeout,
 };
 
 // Text for a camera status or protocol code, e.g. 5 ->

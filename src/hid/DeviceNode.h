@@ -26,7 +26,9 @@ struct DeviceNode {
 };
 
 // Never shrinks: a camera index, once handed out, stays valid for the process.
+// Holds at most kMaxDevicePoolRecords, so that every index fits in 8 bits.
 // Not locked: enumeration must not run while other threads use it.
+constexpr size_t kMaxDevicePoolRecords = 256;
 extern std::vector<DeviceNode>& DevicePool;
 // Frees the table at unload, after every camera was closed; nothing may use
 // DevicePool afterwards.

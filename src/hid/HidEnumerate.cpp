@@ -11,24 +11,12 @@
 #include <string>
 
 #include "hid/UdevText.h"
+#include "support/LibLogs.h"
+#include "support/UniqueFd.h"
 
 namespace {
 
 constexpr int kMaxNodes = 16;
-
-class ScopedFd {
- public:
-  explicit ScopedFd(int fd) : fd_(fd) {}
-  ~ScopedFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  ScopedFd(const ScopedFd&) = delete;
-  ScopedFd& operator=(const ScopedFd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // The whole attribute walk (node and every parent), so that the first match
 // of an attribute is the nearest device that carries it.
@@ -69,7 +57,7 @@ std::vector<DeviceNode> GetInterfaceList(unsigned short vid, unsigned short pid)
   std::vector<DeviceNode> result;
   for (int n = 0; n < kMaxNodes; ++n) {
     std::string path = "/dev/hidraw" + std::to_string(n);
-    ScopedFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) {
       // hidraw numbers have no gaps: the first missing node ends the search.
       if (errno == ENOENT) break;
@@ -125,6 +113,13 @@ uint8_t KOR_HID_Enumerate(unsigned short vid, unsigned short pid) {
       known->bLinked = 1;
       if (known->sHidPath != r.sHidPath) known->sHidPath = r.sHidPath;
       if (known->sUvcPath != r.sUvcPath) known->sUvcPath = r.sUvcPath;
+      continue;
+    }
+    // Camera indices are 8-bit: a record past 255 would be addressed as
+    // another camera's.
+    if (DevicePool.size() >= kMaxDevicePoolRecords) {
+      LIBLog.Error("KOR_HID_Enumerate: device table full (%u cameras), %s not added\n",
+                   static_cast<unsigned>(kMaxDevicePoolRecords), r.sIdentity.c_str());
       continue;
     }
     r.nEntry = listSize;

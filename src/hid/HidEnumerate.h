@@ -14,6 +14,7 @@
 std::vector<DeviceNode> GetInterfaceList(unsigned short vid, unsigned short pid);
 
 // Merges a fresh GetInterfaceList into DevicePool: known cameras (same
-// identity) are relinked in place, new ones appended. Returns the number of
+// identity) are relinked in place, new ones appended while the table has room
+// (kMaxDevicePoolRecords; a camera past that is logged and left out). Returns the number of
 // linked cameras (gn_DeviceCount, cut to 8 bits).
 uint8_t KOR_HID_Enumerate(unsigned short vid, unsigned short pid);

@@ -1,7 +1,6 @@
 #include "hid/Vexa_HID.h"
 
-#include <time.h>
-
+#include <chrono>
 #include <cstring>
 
 #include "hid/DecodeError.h"
@@ -10,33 +9,18 @@
 
 namespace {
 
-constexpr uint8_t kReportCommand = 1;
-constexpr uint8_t kReportEvent = 2;
-constexpr uint8_t kCmdRead = 0x5C;
-constexpr uint8_t kCmdWrite = 0x5D;
-constexpr uint8_t kCmdFileQuery = 0xC8;
-constexpr uint8_t kCmdXmlChunk = 0x4E;
-constexpr uint8_t kFileQuerySize = 0x10;
-constexpr uint8_t kFileQuerySha = 0x30;
-constexpr uint16_t kAcquisitionRegister = 0x0650;
-constexpr int kReportSize = 64;
-constexpr int kAnswerTimeoutS = 5;
-constexpr int kXmlChunk = 1024;
-constexpr int kShaSize = 20;
-constexpr int kMemMax = 60;
+using namespace hidproto;
 
-class PthreadLock {
- public:
-  explicit PthreadLock(pthread_mutex_t& m) : m_(m) { pthread_mutex_lock(&m_); }
-  ~PthreadLock() { pthread_mutex_unlock(&m_); }
-  PthreadLock(const PthreadLock&) = delete;
-  PthreadLock& operator=(const PthreadLock&) = delete;
-
- private:
-  pthread_mutex_t& m_;
-};
+constexpr int kReportSize = static_cast<int>(kInputReportSize);
+constexpr int kXmlChunk = static_cast<int>(kFeatureReportSize);
+constexpr int kShaSize = kFileQuerySha1Length;
 
 const char* text(const std::string& s) { return s.c_str(); }
+
+uint32_t bigEndian32(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+         static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
 
 }  // namespace
 
@@ -45,7 +29,7 @@ Vexa_HID::Vexa_HID()
       bInitialized(0),
       uvcIndex{},
       nSeq(0),
-      nPayloadOffset(4),
+      nPayloadOffset(kRegisterPayloadOffset),
       nExpectedId(0),
       nStatus(0),
       payload{},
@@ -54,13 +38,6 @@ Vexa_HID::Vexa_HID()
     uvcIndex[i] = i;
     acquisitionEnabled[i] = 0;
   }
-  pthread_mutex_init(&mutex, nullptr);
-  // Monotonic, so that a wall-clock step cannot stretch or cut the 5-s wait.
-  pthread_condattr_t attr;
-  pthread_condattr_init(&attr);
-  pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-  pthread_cond_init(&cond, &attr);
-  pthread_condattr_destroy(&attr);
   LIBLog.Trace("Vexa_HID::Vexa_HID() done\n");
 }
 
@@ -69,8 +46,6 @@ Vexa_HID::~Vexa_HID() {
   // running would call back into this destroyed object.
   for (int cam = 0; cam < 256; ++cam) KOR_HID_Close(static_cast<uint8_t>(cam));
   if (bInitialized) KOR_HID_DeInit();
-  pthread_cond_destroy(&cond);
-  pthread_mutex_destroy(&mutex);
 }
 
 uint8_t Vexa_HID::Init() {
@@ -104,10 +79,10 @@ void Vexa_HID::DisableAcquisition(uint8_t cam) {
 
 int Vexa_HID::Open(uint8_t cam, int /*unused*/) {
   LIBLog.Trace("Vexa_HID::Open: open cam with index nr:%d\n", cam);
-  if (KOR_HID_Open(cam) != 0) return -101;
+  if (KOR_HID_Open(cam) != 0) return kOpenNodeFailed;
   if (KOR_HID_SetCallbackHid(cam, &Vexa_HID::ReceiveCallbackHidStatic, this) != 0) {
     LIBLog.Error("Vexa_HID::Open: error setting callback while opening cam with index nr:%d\n", cam);
-    return -102;
+    return kOpenCallbackFailed;
   }
   return 0;
 }
@@ -134,46 +109,43 @@ int Vexa_HID::GetDevicePathUVC(uint8_t cam, char* buf, int len) {
 }
 
 void Vexa_HID::expect(uint16_t id, int payloadOffset) {
-  PthreadLock guard(mutex);
+  std::lock_guard<std::mutex> guard(mutex);
   nExpectedId = id;
   if (payloadOffset >= 0) nPayloadOffset = payloadOffset;
 }
 
 int Vexa_HID::currentStatus() {
-  PthreadLock guard(mutex);
+  std::lock_guard<std::mutex> guard(mutex);
   return nStatus;
 }
 
-bool Vexa_HID::waitAnswer(Answer& answer) {
-  timespec deadline{};
-  clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += kAnswerTimeoutS;
-
-  PthreadLock guard(mutex);
+bool Vexa_HID::waitAnswer(int* status, uint8_t* out, size_t n) {
+  // The steady clock: a wall-clock step can neither stretch nor cut the wait.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kAnswerTimeoutSeconds);
+  std::unique_lock<std::mutex> lock(mutex);
   bool arrived = true;
   // An answer already flagged (possibly a late one meant for an earlier
   // command) is taken as this command's answer.
-  if (bAnswer == 0) {
-    int rc = 0;
-    for (;;) {
-      rc = pthread_cond_timedwait(&cond, &mutex, &deadline);
-      if (bAnswer != 0 || rc != 0) break;
-    }
+  while (bAnswer == 0) {
     // A time-out stays a time-out even if the answer landed as it expired.
-    arrived = rc == 0;
+    if (cond.wait_until(lock, deadline) == std::cv_status::timeout) {
+      arrived = false;
+      break;
+    }
   }
   bAnswer = 0;
-  answer.status = nStatus;
-  std::memcpy(answer.payload, payload, sizeof payload);
+  *status = nStatus;
+  if (arrived && nStatus == 0 && out != nullptr)
+    std::memcpy(out, payload, n < sizeof payload ? n : sizeof payload);
   return arrived;
 }
 
 int Vexa_HID::GetFunc(uint8_t cam, uint16_t id, uint8_t* data, int len) {
   std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::GetFunc()\n");
-  expect(id, 3);
-  uint8_t request[4] = {};
-  if (data != nullptr) std::memcpy(request, data, 3);
+  expect(id, kFuncPayloadOffset);
+  uint8_t request[kFuncData] = {};
+  if (data != nullptr) std::memcpy(request, data, kFuncData - 1);
   auto sent = static_cast<uint8_t>(
       KOR_HID_Report(cam, kReportCommand, static_cast<uint8_t>(id), request, sizeof request));
   if (sent != 0) {
@@ -184,23 +156,24 @@ int Vexa_HID::GetFunc(uint8_t cam, uint16_t id, uint8_t* data, int len) {
     }
     return sent;
   }
-  Answer answer;
-  if (!waitAnswer(answer)) {
+  // Straight into the caller's buffer: len bytes when len >= 1, else none.
+  const size_t wanted = len >= 1 && data != nullptr ? static_cast<size_t>(len) : 0;
+  int status = 0;
+  if (!waitAnswer(&status, data, wanted)) {
+    // The time-out names SetFunc: log readers know this line by that name.
     LIBLog.Error("Vexa_HID::SetFunc command error:%d : %s\n", HID_ERROR_TIMEOUT,
                  text(DecodeError(HID_ERROR_TIMEOUT)));
     return HID_ERROR_TIMEOUT;
   }
-  if (answer.status != 0) {
-    LIBLog.Error("Vexa_HID::GetFunc command error:%d : %s\n", answer.status,
-                 text(DecodeError(answer.status)));
-    return answer.status;
+  if (status != 0) {
+    LIBLog.Error("Vexa_HID::GetFunc command error:%d : %s\n", status, text(DecodeError(status)));
+    return status;
   }
-  if (len >= 1 && data != nullptr) std::memcpy(data, answer.payload, len < kReportSize ? len : kReportSize);
   return 0;
 }
 
 int Vexa_HID::registerCommand(const char* name, uint8_t cam, uint8_t cmd, const uint8_t* request, uint8_t len,
-                              Answer& answer) {
+                              uint8_t* out, size_t n) {
   auto sent = static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, cmd, request, len));
   if (sent != 0) {
     // A status left by the previous answer wins over the send result.
@@ -212,15 +185,15 @@ int Vexa_HID::registerCommand(const char* name, uint8_t cam, uint8_t cmd, const 
     LIBLog.Error("Vexa_HID::%s error:%d : %s\n", name, sent, text(DecodeError(sent)));
     return sent;
   }
-  if (!waitAnswer(answer)) {
+  int status = 0;
+  if (!waitAnswer(&status, out, n)) {
     LIBLog.Error("Vexa_HID::%s command error:%d : %s\n", name, HID_ERROR_TIMEOUT,
                  text(DecodeError(HID_ERROR_TIMEOUT)));
     return HID_ERROR_TIMEOUT;
   }
-  if (answer.status != 0) {
-    LIBLog.Error("Vexa_HID::%s command error:%d : %s\n", name, answer.status,
-                 text(DecodeError(answer.status)));
-    return answer.status;
+  if (status != 0) {
+    LIBLog.Error("Vexa_HID::%s command error:%d : %s\n", name, status, text(DecodeError(status)));
+    return status;
   }
   return 0;
 }
@@ -228,15 +201,15 @@ int Vexa_HID::registerCommand(const char* name, uint8_t cam, uint8_t cmd, const 
 int Vexa_HID::GetInt32(uint8_t cam, uint16_t adr, uint32_t* value) {
   std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::GetInt32(%d) adr:%4.4x\n", cam, adr);
-  expect(kCmdRead, 4);
-  uint8_t request[6] = {static_cast<uint8_t>(nSeq), static_cast<uint8_t>(adr & 0xFF),
-                        static_cast<uint8_t>(adr >> 8)};
-  Answer answer;
-  const int rc = registerCommand("GetInt32", cam, kCmdRead, request, sizeof request, answer);
+  expect(kCmdRead, kRegisterPayloadOffset);
+  uint8_t request[kRegisterReadData] = {static_cast<uint8_t>(nSeq), static_cast<uint8_t>(adr & 0xFF),
+                                        static_cast<uint8_t>(adr >> 8)};
+  uint8_t bytes[kRegisterValueOffset + 4];
+  const int rc = registerCommand("GetInt32", cam, kCmdRead, request, sizeof request, bytes, sizeof bytes);
   if (rc != 0) return rc;
-  uint32_t v = static_cast<uint32_t>(answer.payload[1]) | static_cast<uint32_t>(answer.payload[2]) << 8 |
-               static_cast<uint32_t>(answer.payload[3]) << 16 |
-               static_cast<uint32_t>(answer.payload[4]) << 24;
+  const uint8_t* p = bytes + kRegisterValueOffset;
+  uint32_t v = static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+               static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
   if (value != nullptr) *value = v;
   LIBLog.Trace("Vexa_HID::GetInt32 [end] val:%x\n", v);
   return 0;
@@ -251,28 +224,24 @@ int Vexa_HID::SetInt32(uint8_t cam, uint16_t adr, uint32_t value) {
     acquisitionEnabled[cam] = 1;
   }
   expect(kCmdWrite, -1);
-  uint8_t request[8] = {static_cast<uint8_t>(nSeq),        static_cast<uint8_t>(adr & 0xFF),
-                        static_cast<uint8_t>(adr >> 8),    static_cast<uint8_t>(value),
-                        static_cast<uint8_t>(value >> 8),  static_cast<uint8_t>(value >> 16),
-                        static_cast<uint8_t>(value >> 24), 0};
-  Answer answer;
-  const int rc = registerCommand("SetInt32", cam, kCmdWrite, request, sizeof request, answer);
-  if (rc != 0) return rc;
-  return 0;
+  uint8_t request[kRegisterWriteData] = {static_cast<uint8_t>(nSeq),        static_cast<uint8_t>(adr & 0xFF),
+                                         static_cast<uint8_t>(adr >> 8),    static_cast<uint8_t>(value),
+                                         static_cast<uint8_t>(value >> 8),  static_cast<uint8_t>(value >> 16),
+                                         static_cast<uint8_t>(value >> 24), 0};
+  return registerCommand("SetInt32", cam, kCmdWrite, request, sizeof request, nullptr, 0);
 }
 
 int Vexa_HID::GetXMLSize(uint8_t cam, int* size) {
   std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::GetXMLSize(%d)\n", cam);
-  uint8_t data[8] = {kFileQuerySize, 4};
-  int status = GetFunc(cam, kCmdFileQuery, data, 4);
+  uint8_t data[8] = {kFileQuerySize, kFileQuerySizeLength};
+  int status = GetFunc(cam, kCmdFileQuery, data, kFileQuerySizeLength);
   if (status != 0) {
     LIBLog.Error("Vexa_HID::GetXMLSize error: %s", text(DecodeError(status)));
     return status;
   }
   // Big-endian, unlike the register values.
-  auto n = static_cast<int>(static_cast<uint32_t>(data[0]) << 24 | static_cast<uint32_t>(data[1]) << 16 |
-                            static_cast<uint32_t>(data[2]) << 8 | data[3]);
+  auto n = static_cast<int>(bigEndian32(data));
   if (size != nullptr) *size = n;
   LIBLog.Trace("Vexa_HID::GetXMLSize(%d) size:%d\n", cam, n);
   return 0;
@@ -298,7 +267,7 @@ uint8_t Vexa_HID::GetXMLSHA(uint8_t cam, char* buf, int len) {
 int Vexa_HID::ReadMem(uint8_t cam, int adr, char* buf, int len) {
   std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::ReadMem(%d) adr:%4.4x\n", cam, adr);
-  int n = len < kMemMax ? len : kMemMax;
+  int n = len < kMemReadMax ? len : kMemReadMax;
   uint8_t data[kReportSize] = {0, static_cast<uint8_t>(adr & 0xFF), static_cast<uint8_t>((adr >> 8) & 0xFF)};
   int status = GetFunc(cam, kCmdRead, data, n);
   if (status != 0) {
@@ -320,18 +289,16 @@ int Vexa_HID::ReadMem(uint8_t cam, int adr, char* buf, int len) {
 int Vexa_HID::ReadXML(uint8_t cam, char* buf, int len) {
   std::lock_guard<std::recursive_mutex> command(commandLock);
   LIBLog.Trace("Vexa_HID::ReadXML(%d)\n", cam);
-  uint8_t request[8] = {kFileQuerySize, 4};
-  int status = GetFunc(cam, kCmdFileQuery, request, 4);
+  uint8_t request[8] = {kFileQuerySize, kFileQuerySizeLength};
+  int status = GetFunc(cam, kCmdFileQuery, request, kFileQuerySizeLength);
   if (status != 0) {
     LIBLog.Error("Vexa_HID::ReadXML error: %s", text(DecodeError(status)));
     return status;
   }
-  auto size =
-      static_cast<int>(static_cast<uint32_t>(request[0]) << 24 | static_cast<uint32_t>(request[1]) << 16 |
-                       static_cast<uint32_t>(request[2]) << 8 | request[3]);
+  auto size = static_cast<int>(bigEndian32(request));
   if (size > len || (buf == nullptr && size > 0)) {
     LIBLog.Error("Vexa_HID::ReadXML error: supplied buffer not sufficient for XML download!");
-    return -101;
+    return kXmlBufferTooSmall;
   }
   if (size == 0) return 0;
 
@@ -344,29 +311,25 @@ int Vexa_HID::ReadXML(uint8_t cam, char* buf, int len) {
     request[2] = static_cast<uint8_t>((i >> 8) & 0xFF);
     LIBLog.Trace("Vexa_HID::SetFunc()\n");
     expect(kCmdXmlChunk, -1);
-    auto sent = static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdXmlChunk, request, 4));
+    auto sent = static_cast<uint8_t>(KOR_HID_Report(cam, kReportCommand, kCmdXmlChunk, request, kFuncData));
     if (sent != 0) {
       std::string why = DecodeError(sent);
       LIBLog.Error("Vexa_HID::SetFunc error:%d : %s\n", sent, text(why));
       LIBLog.Error("Vexa_HID::ReadXML error: %s @SetFunc", text(why));
-      return -102;
+      return kXmlChunkRequestFailed;
     }
-    Answer answer;
     int failure = 0;
-    if (!waitAnswer(answer))
-      failure = HID_ERROR_TIMEOUT;
-    else if (answer.status != 0)
-      failure = answer.status;
+    if (!waitAnswer(&failure, nullptr, 0)) failure = HID_ERROR_TIMEOUT;
     if (failure != 0) {
       std::string why = DecodeError(failure);
       LIBLog.Error("Vexa_HID::SetFunc command error:%d : %s\n", failure, text(why));
       LIBLog.Error("Vexa_HID::ReadXML error: %s @SetFunc", text(why));
-      return -102;
+      return kXmlChunkRequestFailed;
     }
     auto got = static_cast<uint8_t>(KOR_HID_FeatureRd(cam, kReportCommand, feature, kXmlChunk));
     if (got != 0) {
       LIBLog.Error("Vexa_HID::ReadXML error: %s @KOR_HID_FeatureRd", text(DecodeError(got)));
-      return -103;
+      return kXmlFeatureReadFailed;
     }
     std::memcpy(buf + static_cast<size_t>(i) * kXmlChunk, feature, static_cast<size_t>(chunk));
     remaining -= chunk;
@@ -376,39 +339,49 @@ int Vexa_HID::ReadXML(uint8_t cam, char* buf, int len) {
 
 int Vexa_HID::ReceiveCallbackHid(const uint8_t* report) {
   if (report == nullptr) return 0;
-  PthreadLock guard(mutex);
-  // Logged under the lock so a woken caller's own messages come after these.
-  if (report[0] == kReportCommand) {
-    if (report[1] != nExpectedId) {
-      LIBLog.Error("Vexa_HID::ReceiveCallbackHid: cmd rd --> wrong id %d %d \n", report[1], nExpectedId);
-      nStatus = HID_ERROR_PROTOCOL_WRONG_ID;
-    } else if (report[2] != 0) {
-      LIBLog.Error("Vexa_HID::ReceiveCallbackHid: cmd rd --> protocol error %d \n", report[2]);
-      nStatus = report[2];
+  bool answered = false;
+  {
+    std::lock_guard<std::mutex> guard(mutex);
+    // Logged under the lock so a woken caller's own messages come after these.
+    if (report[0] == kReportCommand) {
+      const uint8_t echo = report[kAnswerEchoOffset];
+      const uint8_t status = report[kAnswerStatusOffset];
+      if (echo != nExpectedId) {
+        LIBLog.Error("Vexa_HID::ReceiveCallbackHid: cmd rd --> wrong id %d %d \n", echo, nExpectedId);
+        nStatus = HID_ERROR_PROTOCOL_WRONG_ID;
+      } else if (status != kStatusSuccess) {
+        LIBLog.Error("Vexa_HID::ReceiveCallbackHid: cmd rd --> protocol error %d \n", status);
+        nStatus = status;
+      } else {
+        nStatus = kStatusSuccess;
+        // The report is 64 bytes: what lies past its end reads as zero.
+        const size_t offset = nPayloadOffset < 0             ? 0
+                              : nPayloadOffset > kReportSize ? kInputReportSize
+                                                             : static_cast<size_t>(nPayloadOffset);
+        std::memcpy(payload, report + offset, kInputReportSize - offset);
+        std::memset(payload + (kInputReportSize - offset), 0, offset);
+      }
+      bAnswer = 1;
+      answered = true;
+    } else if (report[0] == kReportEvent) {
+      std::memcpy(event, report, sizeof event);
+      LIBLog.Trace("Vexa_HID::ReceiveCallbackHid: event rd %x %x %x %x \n", kReportEvent, report[1],
+                   report[2], report[3]);
     } else {
-      nStatus = 0;
-      // The report is 64 bytes: what lies past its end reads as zero.
-      int offset = nPayloadOffset < 0 ? 0 : nPayloadOffset > kReportSize ? kReportSize : nPayloadOffset;
-      std::memset(payload, 0, sizeof payload);
-      std::memcpy(payload, report + offset, static_cast<size_t>(kReportSize - offset));
+      LIBLog.Trace("Vexa_HID::ReceiveCallbackHid: unknown id \n");
     }
-    bAnswer = 1;
-    pthread_cond_signal(&cond);
-  } else if (report[0] == kReportEvent) {
-    std::memcpy(event, report, sizeof event);
-    LIBLog.Trace("Vexa_HID::ReceiveCallbackHid: event rd %x %x %x %x \n", 2, report[1], report[2], report[3]);
-  } else {
-    LIBLog.Trace("Vexa_HID::ReceiveCallbackHid: unknown id \n");
   }
+  // After the lock is let go, so the woken caller does not block on it again.
+  if (answered) cond.notify_one();
   return 0;
 }
 
 int Vexa_HID::ReceiveCallbackHidStatic(unsigned char* report, void* ctx) {
-  if (ctx == nullptr) return -3;
+  if (ctx == nullptr) return kNoContext;
   return static_cast<Vexa_HID*>(ctx)->ReceiveCallbackHid(report);
 }
 
 void Vexa_HID::LastEvent(uint8_t out[12]) {
-  PthreadLock guard(mutex);
+  std::lock_guard<std::mutex> guard(mutex);
   std::memcpy(out, event, sizeof event);
 }

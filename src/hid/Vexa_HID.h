@@ -4,11 +4,13 @@
 // the command lock from sending to the end of its answer wait.
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
+#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
+
+#include "hid/HidProtocol.h"
 
 class Vexa_HID {
  public:
@@ -69,22 +71,19 @@ class Vexa_HID {
   void LastEvent(uint8_t out[12]);
 
  private:
-  struct Answer {
-    int status = 0;
-    uint8_t payload[64] = {};
-  };
-
   // Arms the answer slot for `id`; payloadOffset < 0 keeps the current one.
   void expect(uint16_t id, int payloadOffset);
   int currentStatus();
-  // Waits up to 5 s; false on time-out. Fills `answer` either way.
-  bool waitAnswer(Answer& answer);
+  // Waits up to 5 s for the answer. False on time-out; otherwise *status is
+  // the answer's status and, when it is 0, the first n payload bytes are in
+  // out (copied under the lock, nothing else is).
+  bool waitAnswer(int* status, uint8_t* out, size_t n);
   // Sends a register command and waits for its answer, logging failures as
   // "Vexa_HID::<name> ..."; returns 0, the status, the send result or -1.
   int registerCommand(const char* name, uint8_t cam, uint8_t cmd, const uint8_t* request, uint8_t len,
-                      Answer& answer);
+                      uint8_t* out, size_t n);
 
-  uint8_t event[12];
+  uint8_t event[hidproto::kEventSize];
   int bInitialized;
   // 256 entries, not 255: the camera index is 8-bit, so 255 is a valid index.
   uint32_t uvcIndex[256];
@@ -94,12 +93,14 @@ class Vexa_HID {
   int32_t nPayloadOffset;
   uint32_t nExpectedId;
   int32_t nStatus;
-  uint8_t payload[64];
+  uint8_t payload[hidproto::kPayloadSize];
   uint8_t bAnswer;
   // Guards event, nPayloadOffset, nExpectedId, nStatus, payload and bAnswer
-  // between the commanding thread and the hidraw reader threads.
-  pthread_cond_t cond;
-  pthread_mutex_t mutex;
+  // between the commanding thread and the hidraw reader threads. The reader
+  // fills the slot under it and notifies `cond` after letting it go, so the
+  // woken caller does not block on the lock again.
+  std::mutex mutex;
+  std::condition_variable cond;
   // One command at a time across all cameras (channels' request locks are per
   // camera). Recursive: ReadXML and GetXMLSize run GetFunc inside it. Taken
   // before `mutex`, never while holding it.

@@ -29,6 +29,11 @@ constexpr uint32_t kStartSettleMs = 100;
 // Set while this thread is inside DeliverFrame: a StreamStop issued from the
 // data callback must not wait for its own frame.
 thread_local bool deliveringFrame = false;
+// The handler this thread's frame is in, and that handler once a StreamStop
+// from the data callback took it: the frame still runs in it, so DeliverFrame
+// deletes it when the frame has left.
+thread_local TqUvcStrmHandler* frameHandler = nullptr;
+thread_local TqUvcStrmHandler* stoppedUnderFrame = nullptr;
 
 }  // namespace
 
@@ -288,7 +293,10 @@ uint32_t TqUvcStrmChan::StreamStop(uint32_t arg) {
       TqUvcStopAcquisition(cam);
       if (TqUvcStrmHandler* old = takeHandler()) {
         result = old->StreamStop(arg);
-        delete old;
+        if (deliveringFrame && old == frameHandler)
+          stoppedUnderFrame = old;
+        else
+          delete old;
         if (l.DebugEnabled()) {
           --handlerCount;
           l.Debug("TqUvcStrmChan::StreamStop: deleted TheStrmHandler:%p (count:%d)",
@@ -349,9 +357,14 @@ void TqUvcStrmChan::DeliverFrame(char* data, int size) {
   // in flight or this frame sees no handler.
   framesInFlight.fetch_add(1);
   deliveringFrame = true;
-  if (TqUvcStrmHandler* current = handler.load())
+  if (TqUvcStrmHandler* current = handler.load()) {
+    frameHandler = current;
     static_cast<TqUvcStrmSocketHandler*>(current)->OnCallback(data, size);
+    frameHandler = nullptr;
+  }
   deliveringFrame = false;
+  delete stoppedUnderFrame;
+  stoppedUnderFrame = nullptr;
   framesInFlight.fetch_sub(1);
 }
 

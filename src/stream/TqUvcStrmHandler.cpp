@@ -20,6 +20,12 @@ constexpr uint32_t kAcquisitionWaitMs = 10;
 // geometry that does not fit copies what exists in both and nothing more.
 void copyLines(uint8_t* dst, size_t dstBytes, const uint8_t* src, size_t srcBytes, uint32_t lines,
                size_t lineLength, size_t srcPitch) {
+  if (lineLength == srcPitch) {
+    // Both sides contiguous: one copy, which also lets memcpy pick its
+    // streaming path for a frame larger than the cache.
+    memcpy(dst, src, std::min({size_t{lines} * srcPitch, srcBytes, dstBytes}));
+    return;
+  }
   const size_t lineBytes = std::min(lineLength, srcPitch);
   for (uint32_t r = 0; r < lines; ++r) {
     const size_t from = size_t{r} * srcPitch;

@@ -2,11 +2,15 @@
 // callback on a POSIX capture thread. `open` only lists the frame sizes; the
 // thread reopens the node, streams, and hands every dequeued buffer to the
 // callback before requeueing it.
+//
+// Everything the thread touches lives in a stream record that the thread holds
+// a reference to, never in the CaptureThread object: the callback may stop the
+// stream or even destroy the object, and the thread still ends cleanly once
+// the callback has returned.
 #pragma once
 
 #include <pthread.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -28,21 +32,35 @@ struct FrameSizeEntry {
   int32_t frameRates[LIST_MAX_NUM + 1];
 };
 
-struct MappedBuffer {
-  void* start;
-  size_t length;
+// One driver buffer mapped into the process; unmapped by its destructor.
+class MappedBuffer {
+ public:
+  MappedBuffer() = default;
+  MappedBuffer(void* start, size_t length) : start_(start), length_(length) {}
+  MappedBuffer(MappedBuffer&& other) noexcept;
+  MappedBuffer& operator=(MappedBuffer&& other) noexcept;
+  MappedBuffer(const MappedBuffer&) = delete;
+  MappedBuffer& operator=(const MappedBuffer&) = delete;
+  ~MappedBuffer() { reset(); }
+
+  void* start() const { return start_; }
+  size_t length() const { return length_; }
+  void reset();
+
+ private:
+  void* start_ = nullptr;
+  size_t length_ = 0;
 };
 
 typedef int (*CaptureCallback)(unsigned char* data, int size, int cameraIndex, void* context);
 
-class CaptureThread;
-void* CaptureThreadRoutineStatic(void* arg);
-
 class CaptureThread {
  public:
   CaptureThread();
-  // Stops and joins a thread still alive and releases whatever an early end of
-  // the thread left open or mapped.
+  // Stops the thread. On another thread it joins it and releases whatever an
+  // early end left open or mapped; on the capture thread itself (the callback
+  // destroying its own capture object) the thread is detached and releases
+  // everything after the callback returns.
   ~CaptureThread();
   CaptureThread(const CaptureThread&) = delete;
   CaptureThread& operator=(const CaptureThread&) = delete;
@@ -56,56 +74,54 @@ class CaptureThread {
   int GetStreamingFormat(int* width, int* height);
   // -23 while running, -24 when the thread cannot be created, else 0.
   int start();
-  // Stops and joins the thread; always 0.
+  // Stops the thread; always 0. From another thread it wakes the thread's wait
+  // and joins it; from the capture thread (the callback) it only asks it to
+  // stop, and the thread ends once the callback returns.
   int close();
-  void* ThreadRoutine();
 
-  int32_t nFrameSizes;
-  int32_t frameRate;
-  int32_t width;
-  int32_t height;
-  uint32_t imageSize;
-  // Written by the caller, read by the capture thread once per frame.
-  std::atomic<uint32_t> cameraIndex;
-  std::atomic<void*> callbackContext;
-  std::atomic<CaptureCallback> callback;
-  // Ten entries are filled at most; the zeroed spare keeps a count of eleven
-  // inside the array for every reader that walks nFrameSizes entries.
-  FrameSizeEntry frameSizes[LIST_MAX_NUM + 1];
-  uint32_t nBuffers;
-  char devicePath[256];
-  MappedBuffer* buffers;
-  pthread_t thread;
-  std::atomic<bool> running;
+  // Callback, its context and the camera number passed back to it, published
+  // together; a running thread picks them up with its next frame.
+  void setCallback(CaptureCallback callback, void* context, uint32_t cameraIndex);
+  void* callbackContext() const;
+
+  int32_t frameSizeCount() const { return nFrameSizes_; }
+  // Entry `index` of the listing (0 .. LIST_MAX_NUM; the last one is the zeroed
+  // spare that a count of eleven reaches).
+  const FrameSizeEntry& frameSize(int index) const;
+  int32_t frameRate() const { return frameRate_; }
+  // The frame size the driver reported for the last stream, 0 before.
+  uint32_t imageSize() const;
+  // True from the thread's start until `close`, also after an early end.
+  bool running() const;
+  const char* devicePath() const { return devicePath_; }
+  uint32_t bufferCount() const { return nBuffers_; }
+
+  struct Stream;
 
  private:
   int enumFrameIntervals(int fd, FrameSizeEntry& entry);
-  // Unmaps, frees and closes what the thread set up; only once the thread is
-  // gone (or from the thread itself).
-  void releaseStream();
-  // Joins a thread that has been started and not yet joined.
-  void joinThread();
+  bool onCaptureThread() const;
 
-  // The node the thread opened, -1 when none; touched by the thread while it
-  // lives and by the caller only after joining it.
-  // The format the thread applies, taken by start so that a later
-  // SetStreamingFormat on the caller's thread never races with the thread.
-  int32_t streamWidth_ = 0;
-  int32_t streamHeight_ = 0;
-  int32_t streamRate_ = 0;
-  int streamFd_ = -1;
-  uint32_t mappedCount_ = 0;
-  std::unique_ptr<MappedBuffer[]> bufferStore_;
-  // Set when a started thread has not been joined yet (caller's thread only).
-  bool threadJoinable_ = false;
-  // Set by the thread as its last action.
-  std::atomic<bool> threadFinished_{false};
-  // Set by the destructor so that a thread that marks itself running after the
-  // object is being destroyed still stops.
-  std::atomic<bool> destroying_{false};
-
-  friend void* CaptureThreadRoutineStatic(void* arg);
+  int32_t nFrameSizes_ = 0;
+  int32_t frameRate_ = 0;
+  int32_t width_ = 0;
+  int32_t height_ = 0;
+  // Ten entries are filled at most; the zeroed spare keeps a count of eleven
+  // inside the array for every reader that walks nFrameSizes entries.
+  FrameSizeEntry frameSizes_[LIST_MAX_NUM + 1];
+  uint32_t nBuffers_ = 4;
+  char devicePath_[256];
+  // The owner's copy of the callback; each new stream starts with it.
+  CaptureCallback callback_ = nullptr;
+  void* context_ = nullptr;
+  uint32_t cameraIndex_ = 0;
+  // The current (or last) stream, shared with its thread.
+  std::shared_ptr<Stream> stream_;
+  pthread_t thread_{};
+  // Set while a started thread has been neither joined nor detached.
+  bool joinable_ = false;
 };
 
-// Entry point handed to pthread_create; 0 for a null argument.
+// Entry point handed to pthread_create; its argument is a heap-held reference
+// to the thread's stream, which it takes over. 0 for a null argument.
 void* CaptureThreadRoutineStatic(void* arg);

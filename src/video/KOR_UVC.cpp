@@ -32,9 +32,7 @@ int KOR_UVC_StreamStart(unsigned char index) {
 int KOR_UVC_SetCallbackStream(unsigned char index, CaptureCallback fn, void* context) {
   CaptureThread* capture = find(index);
   if (!capture) return -20;
-  capture->cameraIndex = index;
-  capture->callbackContext = context;
-  capture->callback = fn;
+  capture->setCallback(fn, context, index);
   return 0;
 }
 
@@ -57,12 +55,13 @@ int KOR_UVC_StreamClose(unsigned char index) {
 int KOR_UVC_StreamGetResolutionList(unsigned char index, _Formats* list, int* count) {
   CaptureThread* capture = find(index);
   if (!capture) return -20;
-  if (count) *count = capture->nFrameSizes;
+  const int listed = capture->frameSizeCount();
+  if (count) *count = listed;
   if (!list) return 0;
-  int n = capture->nFrameSizes > LIST_MAX_NUM + 1 ? LIST_MAX_NUM + 1 : capture->nFrameSizes;
+  int n = listed > LIST_MAX_NUM + 1 ? LIST_MAX_NUM + 1 : listed;
   for (int i = 0; i < n; ++i) {
-    list[i].width = capture->frameSizes[i].width;
-    list[i].height = capture->frameSizes[i].height;
+    list[i].width = capture->frameSize(i).width;
+    list[i].height = capture->frameSize(i).height;
   }
   return 0;
 }

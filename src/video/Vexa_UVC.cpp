@@ -3,14 +3,19 @@
 #include "support/LibLogs.h"
 #include "video/KOR_UVC.h"
 
-Vexa_UVC::Vexa_UVC() : frameCount(0), streaming(false) {
-  for (int i = 0; i < 256; ++i) {
-    newBufferCallbacks[i] = nullptr;
-    newBufferContexts[i] = nullptr;
+Vexa_UVC::Vexa_UVC() = default;
+
+Vexa_UVC::~Vexa_UVC() {
+  // A capture object outlives this one in the table; whatever still points at
+  // this object is stopped (joined, or ended after the callback when that is
+  // where we are) and forgets it, so a later start cannot call in either.
+  for (unsigned char i = 0; i < KOR_UVC_MAX_CAMERAS; ++i) {
+    CaptureThread* capture = capture_thread[i];
+    if (!capture || capture->callbackContext() != this) continue;
+    capture->close();
+    capture->setCallback(nullptr, nullptr, i);
   }
 }
-
-Vexa_UVC::~Vexa_UVC() {}
 
 unsigned char Vexa_UVC::Init() { return static_cast<unsigned char>(KOR_UVC_Init()); }
 
@@ -29,24 +34,23 @@ void Vexa_UVC::SetStreamingFrameFormat(unsigned char index, int width, int heigh
 }
 
 int Vexa_UVC::StartStreaming(unsigned char index) {
-  frameCount = 0;
-  streaming = true;
+  frameCount_ = 0;
+  streaming_ = true;
   int rc = KOR_UVC_SetCallbackStream(index, &Vexa_UVC::ReceiveCallbackStream, this);
   if (rc != 0) return rc;
   return KOR_UVC_StreamStart(index);
 }
 
 int Vexa_UVC::StopStreaming(unsigned char index) {
-  streaming = false;
+  streaming_ = false;
   return KOR_UVC_StreamStop(index);
 }
 
 void Vexa_UVC::CloseStreaming(unsigned char index) { KOR_UVC_StreamClose(index); }
 
 int Vexa_UVC::RegisterNewBufferCallback(unsigned char index, NewBufferCallback callback, void* context) {
-  // Context first: a capture thread that sees the new callback also sees its context.
-  newBufferContexts[index] = context;
-  newBufferCallbacks[index] = callback;
+  std::lock_guard<std::mutex> lock(receiversLock_);
+  receivers_[index] = Receiver{callback, context};
   return callback ? 0 : -1;
 }
 
@@ -58,15 +62,20 @@ int Vexa_UVC::ReceiveCallbackStream(unsigned char* data, int size, int index, vo
     return 0;
   }
   const unsigned char camera = static_cast<unsigned char>(index & 0xFF);
-  NewBufferCallback fn = self->newBufferCallbacks[camera].load();
-  if (!fn) {
+  Receiver receiver;
+  {
+    std::lock_guard<std::mutex> lock(self->receiversLock_);
+    receiver = self->receivers_[camera];
+  }
+  if (!receiver.callback) {
     LIBLog.Error("Vexa_UVC::NewBufferCallBack: callback function not defned yet: %p\n",
                  static_cast<void*>(nullptr));
     return 0;
   }
-  ++self->frameCount;
+  ++self->frameCount_;
   // Called through its own three-argument type; a fourth argument would need a
-  // cast to another function type.
-  fn(reinterpret_cast<char*>(data), size, self->newBufferContexts[camera].load());
+  // cast to another function type. Nothing of `self` is touched after it: the
+  // callback may stop the stream or destroy this object.
+  receiver.callback(reinterpret_cast<char*>(data), size, receiver.context);
   return 0;
 }

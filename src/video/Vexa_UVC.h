@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 #include "video/CaptureThread.h"
 
@@ -12,6 +13,8 @@ typedef void (*NewBufferCallback)(char* data, int size, void* context);
 class Vexa_UVC {
  public:
   Vexa_UVC();
+  // Stops every capture that still delivers frames to this object and detaches
+  // it, so no capture thread calls into freed memory.
   ~Vexa_UVC();
   Vexa_UVC(const Vexa_UVC&) = delete;
   Vexa_UVC& operator=(const Vexa_UVC&) = delete;
@@ -33,10 +36,19 @@ class Vexa_UVC {
   // Runs on the capture thread; `context` is the Vexa_UVC object. Always 0.
   static int ReceiveCallbackStream(unsigned char* data, int size, int index, void* context);
 
-  // Written by the caller's thread, read by the capture threads: atomics so a
-  // late registration is never a torn read.
-  std::atomic<NewBufferCallback> newBufferCallbacks[256];
-  std::atomic<void*> newBufferContexts[256];
-  std::atomic<uint32_t> frameCount;
-  std::atomic<bool> streaming;
+  // Frames passed on since the last StartStreaming, all cameras together.
+  uint32_t frameCount() const { return frameCount_; }
+  bool streaming() const { return streaming_; }
+
+ private:
+  struct Receiver {
+    NewBufferCallback callback = nullptr;
+    void* context = nullptr;
+  };
+  // Written by the caller's thread, read by the capture threads: one lock so
+  // a frame never pairs one registration's callback with another's context.
+  mutable std::mutex receiversLock_;
+  Receiver receivers_[256];
+  std::atomic<uint32_t> frameCount_{0};
+  std::atomic<bool> streaming_{false};
 };

@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "HidFixture.h"
+#include "LogCapture.h"
 
 namespace hidtest {
 namespace {
@@ -80,6 +81,46 @@ TEST_F(Enumeration, RecordsKeepTheirIndexAcrossUnplugAndNoCamera) {
   EXPECT_EQ(KOR_HID_Enumerate(kVid, kPid), 0);
   EXPECT_EQ(DevicePool.size(), size);
   EXPECT_EQ(KOR_HID_IsLinked(static_cast<uint8_t>(ia)), 0);
+}
+
+// Camera indices are 8-bit: the table stops at 256 records, and a camera
+// that re-plugs under new node numbers past that is refused, not appended
+// where index 0 would address it.
+TEST_F(Enumeration, TheTableStopsAt256Records) {
+  const size_t before = DevicePool.size();
+  ASSERT_LT(before, 255u);
+  // Cameras seen earlier, long gone: only their records are needed.
+  while (DevicePool.size() < 255) {
+    DevicePool.emplace_back();
+    DevicePool.back().sIdentity = "OLD-" + std::to_string(DevicePool.size());
+  }
+  tqtest::LogCapture log;
+  tqsim::CameraId cam = plug(cameraOn(0, 0, "FULL"));
+  EXPECT_EQ(KOR_HID_Enumerate(kVid, kPid), 1);
+  EXPECT_EQ(indexOf("FULL", 0, 0), 255);
+
+  // Back under other node numbers: a new identity, and no room for it.
+  ASSERT_TRUE(tqsim::unplugCamera(cam));
+  tqsim::reset();
+  plug(cameraOn(1, 2, "FULL"));
+  plug(cameraOn(0, 4, "NEW"));
+  EXPECT_EQ(KOR_HID_Enumerate(kVid, kPid), 0);
+  EXPECT_EQ(DevicePool.size(), 256u);
+  EXPECT_EQ(KOR_HID_IsLinked(255), 0);
+  EXPECT_EQ(log.countExact(
+                "KOR_HID_Enumerate: device table full (256 cameras), FULL-/dev/video2-/dev/hidraw1 not added",
+                RKLOG_ERROR),
+            1u);
+  EXPECT_EQ(log.count("device table full", RKLOG_ERROR), 2u);
+
+  // Records already there are still found and linked again.
+  tqsim::reset();
+  plug(cameraOn(0, 0, "FULL"));
+  EXPECT_EQ(KOR_HID_Enumerate(kVid, kPid), 1);
+  EXPECT_EQ(KOR_HID_IsLinked(255), 1);
+
+  for (size_t i = before; i < DevicePool.size(); ++i) KOR_HID_Close(static_cast<uint8_t>(i));
+  DevicePool.resize(before);
 }
 
 }  // namespace

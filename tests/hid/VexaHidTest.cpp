@@ -87,9 +87,10 @@ TEST_F(VexaHid, WrongEchoIsAProtocolError) {
   EXPECT_TRUE(log.contains("Vexa_HID::GetInt32 command error:-2 : Error: HID_ERROR_PROTOCOL_WRONG_ID"));
 }
 
-// The only test that waits out the 5-s answer time: a time-out, then the late
-// answer is taken by the next command, whose own answer goes to the one after.
-// Answer delays keep each answer from overwriting the previous one unseen.
+// The only test that waits out the 5-s answer time: a time-out (of a GetFunc
+// command, whose line keeps the SetFunc name), then the late answer is taken
+// by the next command, whose own answer goes to the one after. Answer delays
+// keep each answer from overwriting the previous one unseen.
 TEST_F(VexaHid, LateAnswerIsTakenByTheNextCommand) {
   setFaults([](tqsim::HidFaults& f) {
     f.lateAnswerMs = 5600;
@@ -97,12 +98,15 @@ TEST_F(VexaHid, LateAnswerIsTakenByTheNextCommand) {
   });
   tqtest::LogCapture log;
   uint32_t value = 0;
+  int size = -7;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(hid_->GetInt32(cam_, 0x0010, &value), -1);
+  EXPECT_EQ(hid_->GetXMLSize(cam_, &size), -1);
   const auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_GE(waited, 4900ms);
   EXPECT_LT(waited, 5500ms);
-  EXPECT_TRUE(log.contains("Vexa_HID::GetInt32 command error:-1 : Error: HID_ERROR_TIMEOUT"));
+  EXPECT_EQ(size, -7);
+  EXPECT_EQ(log.countExact("Vexa_HID::SetFunc command error:-1 : Error: HID_ERROR_TIMEOUT", RKLOG_ERROR), 1u);
+  EXPECT_EQ(log.countExact("Vexa_HID::GetXMLSize error: Error: HID_ERROR_TIMEOUT", RKLOG_ERROR), 1u);
   ASSERT_TRUE(log.waitFor("cmd rd --> protocol error 5", 3000ms));
 
   setFaults([](tqsim::HidFaults& f) { f.lateAnswerMs = 300; });
@@ -197,8 +201,10 @@ TEST_F(VexaHid, DownloadStopsAtATooSmallBufferOrAFailedRead) {
 }
 
 TEST_F(VexaHid, ReadMemClampsToFiftyNineCharacters) {
-  const std::tuple<int, int, std::string> cases[] = {
-      {0x0540, 100, std::string(59, 'm')}, {0x0540, 12, std::string(11, 'm')}, {0x05B0, 12, "short"}};
+  const std::tuple<int, int, std::string> cases[] = {{0x0540, 100, std::string(59, 'm')},
+                                                     {0x0540, 12, std::string(11, 'm')},
+                                                     {0x05B0, 12, "short"},
+                                                     {0x0540, 1, ""}};
   for (const auto& [adr, len, expected] : cases) {
     char buf[128];
     std::memset(buf, '#', sizeof buf);

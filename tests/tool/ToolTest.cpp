@@ -1,20 +1,23 @@
 // The tq-uvc program end to end: each subcommand under tq-uvc-sim, with the
 // output a user reads and the exit status a script tests.
 #include <png.h>
+#include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <tqsim/FramePattern.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <thread>
 
-#include "Image.h"
 #include "SimTestUtil.h"
 
 namespace {
@@ -101,8 +104,22 @@ TEST_F(Tool, ErrorsExitNonZeroWithTheStatusNamed) {
   };
   const std::string none = "# no cameras\n";
   const Case cases[] = {
-      {{"read", "12345"}, {}, 1, "status 0xFFFFFF9B (-101) ADDRESS_NOT_SERVED"},
-      {{"write", "12345", "1"}, {}, 1, "ADDRESS_NOT_SERVED"},
+      {{"read", "12345"}, {}, 1, "read 0x00012345: status 0xFFFFFF9B (-101) UNKNOWN"},
+      {{"write", "12345", "1"}, {}, 1, "write 0x00012345: status 0xFFFFFF9B (-101)"},
+      // Names and texts from the library's tables: a camera status byte and a
+      // GenCP word.
+      {{"write", "40A04", "1"},
+       "[camera]\nfault status = 14\nfault only-command = 0x5d\n",
+       1,
+       "write 0x00040A04: status 0x000E VX_UVC_STATUS_FLASH_WR_ERR\n"},
+      {{"info"},
+       "[camera]\nfault status = 5\n",
+       1,
+       "connect to camera 1: status 0x8007 GENCP_BUSY: The command receiver is currently busy."},
+      {{"-c", "99999999999999999999999", "info"},
+       {},
+       1,
+       "camera handle \"99999999999999999999999\" is out of range"},
       {{"read", "xyz"}, {}, 1, "not a 32-bit hex number"},
       {{"write", "40A04"}, {}, 1, "ADDR VALUE pairs"},
       {{"read-mem", "40500", "0"}, {}, 1, "length must be"},
@@ -120,6 +137,7 @@ TEST_F(Tool, ErrorsExitNonZeroWithTheStatusNamed) {
     const auto result = tool(c.args, c.config);
     EXPECT_EQ(result.status, c.status) << c.args[0] << ": " << result.err;
     EXPECT_TRUE(contains(result.err, c.expected)) << c.args[0] << ": " << result.err;
+    EXPECT_FALSE(contains(result.err, "UNKNOWN: Unknown")) << result.err;
   }
   // No camera is not an error for the listing itself.
   const auto listing = tool({"list"}, none);
@@ -151,6 +169,33 @@ std::vector<uint8_t> readPng(const std::string& path, uint32_t* width, uint32_t*
   return rgb;
 }
 
+// Largest difference of a channel from BT.601 video-range YUYV to RGB,
+// computed here in floating point: rounding and clamping differ by one or two.
+constexpr int kColourTolerance = 2;
+
+uint8_t clampToByte(double v) { return static_cast<uint8_t>(std::lround(std::min(255.0, std::max(0.0, v)))); }
+
+// True when `rgb` shows frame `n` of the emulated camera's test pattern, its
+// first line (the frame header) aside.
+bool showsPattern(const std::vector<uint8_t>& rgb, uint32_t width, uint32_t height, uint32_t n) {
+  const size_t pitch = static_cast<size_t>(width) * 2;
+  for (uint32_t row = 1; row < height; ++row) {
+    for (uint32_t x = 0; x < width; ++x) {
+      const size_t pair = row * pitch + (x / 2) * 4;
+      const double y = tqsim::framePatternByte(n, pair + (x % 2) * 2) - 16.0;
+      const double u = tqsim::framePatternByte(n, pair + 1) - 128.0;
+      const double v = tqsim::framePatternByte(n, pair + 3) - 128.0;
+      const uint8_t expected[3] = {clampToByte(1.164 * y + 1.596 * v),
+                                   clampToByte(1.164 * y - 0.392 * u - 0.813 * v),
+                                   clampToByte(1.164 * y + 2.017 * u)};
+      const uint8_t* got = &rgb[(static_cast<size_t>(row) * width + x) * 3];
+      for (int k = 0; k < 3; ++k)
+        if (std::abs(int{got[k]} - int{expected[k]}) > kColourTolerance) return false;
+    }
+  }
+  return true;
+}
+
 // The PNG is the test pattern of one of the first frames, converted in the
 // geometry the camera's registers give.
 TEST_F(Tool, GrabSavesThePatternInTheCamerasGeometry) {
@@ -172,14 +217,7 @@ TEST_F(Tool, GrabSavesThePatternInTheCamerasGeometry) {
     EXPECT_EQ(width, c.width);
     EXPECT_EQ(height, c.height);
     bool matched = false;
-    std::vector<uint8_t> yuyv(static_cast<size_t>(c.width) * 2 * c.height);
-    for (uint32_t n = 0; n < 30 && !matched; ++n) {
-      tqsim::fillFrame(yuyv.data(), yuyv.size(), n);
-      const auto expected = tool::yuyvToRgb(yuyv.data(), yuyv.size(), c.width, c.height, c.width * 2);
-      // The frame header carries the frame number; compare from the second line.
-      const size_t skip = static_cast<size_t>(c.width) * 3;
-      matched = std::equal(expected.begin() + skip, expected.end(), rgb.begin() + skip);
-    }
+    for (uint32_t n = 0; n < 30 && !matched; ++n) matched = showsPattern(rgb, c.width, c.height, n);
     EXPECT_TRUE(matched) << c.width << "x" << c.height << " is not the test pattern";
   }
 
@@ -188,6 +226,126 @@ TEST_F(Tool, GrabSavesThePatternInTheCamerasGeometry) {
   ASSERT_EQ(result.status, 0) << result.err;
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(fs::exists(tmp_ + "/f" + std::to_string(i) + ".png")) << i;
   EXPECT_FALSE(fs::exists(tmp_ + "/f3.png"));
+}
+
+// A child tool whose output the test reads while it runs; stdout on a pipe, or
+// on a terminal (a pseudo-terminal the test holds the other side of).
+class Child {
+ public:
+  Child(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv, bool terminal) {
+    int out[2] = {-1, -1};
+    if (terminal) {
+      if (openpty(&out[0], &out[1], nullptr, nullptr, nullptr) != 0) return;
+    } else if (pipe(out) != 0) {
+      return;
+    }
+    int err[2];
+    if (pipe(err) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    posix_spawn_file_actions_addclose(&actions, out[0]);
+    posix_spawn_file_actions_addclose(&actions, err[0]);
+    std::vector<std::string> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+      const std::string entry = *e;
+      const bool replaced = std::any_of(extraEnv.begin(), extraEnv.end(), [&](const std::string& x) {
+        return entry.rfind(x.substr(0, x.find('=') + 1), 0) == 0;
+      });
+      if (!replaced) env.push_back(entry);
+    }
+    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+    std::vector<char*> envp;
+    for (std::string& e : env) envp.push_back(e.data());
+    envp.push_back(nullptr);
+    std::vector<std::string> argv = args;
+    std::vector<char*> argp;
+    for (std::string& a : argv) argp.push_back(a.data());
+    argp.push_back(nullptr);
+    if (posix_spawn(&pid_, argp[0], &actions, nullptr, argp.data(), envp.data()) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    close(err[1]);
+    out_ = out[0];
+    err_ = err[0];
+  }
+  ~Child() {
+    if (pid_ > 0 && !exited_) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (out_ >= 0) close(out_);
+    if (err_ >= 0) close(err_);
+  }
+  bool started() const { return pid_ > 0; }
+  void signal(int number) { kill(pid_, number); }
+
+  // Reads both streams until one holds `part` or the deadline passes.
+  bool readUntil(const std::string& part, std::chrono::seconds limit = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!contains(out, part) && !contains(err, part)) {
+      if (std::chrono::steady_clock::now() > deadline || !readSome(100)) return false;
+    }
+    return true;
+  }
+  // Reads to the end of both streams and waits for the exit; the exit status,
+  // 128 + signal for a child a signal ended, -1 on time-out.
+  int finish(std::chrono::seconds limit = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while ((out_ >= 0 || err_ >= 0) && std::chrono::steady_clock::now() < deadline) readSome(100);
+    int status = 0;
+    while (waitpid(pid_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) return -1;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    exited_ = true;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+  std::string out;
+  std::string err;
+
+ private:
+  // One poll round; false when both streams are at their end.
+  bool readSome(int timeoutMs) {
+    pollfd fds[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
+    if (out_ < 0 && err_ < 0) return false;
+    if (poll(fds, 2, timeoutMs) <= 0) return true;
+    for (pollfd& p : fds) {
+      if (p.fd < 0 || p.revents == 0) continue;
+      char buffer[4096];
+      const ssize_t n = read(p.fd, buffer, sizeof buffer);
+      if (n > 0) {
+        (p.fd == out_ ? out : err).append(buffer, static_cast<size_t>(n));
+      } else {  // end of a pipe, or EIO once the terminal's other side closed
+        close(p.fd);
+        (p.fd == out_ ? out_ : err_) = -1;
+      }
+    }
+    return true;
+  }
+
+  pid_t pid_ = -1;
+  int out_ = -1;
+  int err_ = -1;
+  bool exited_ = false;
+};
+
+// Lines of a progress display: the text between carriage returns and newlines.
+std::vector<std::string> displayLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::string line;
+  for (char c : text) {
+    if (c == '\r' || c == '\n') {
+      if (!line.empty()) lines.push_back(line);
+      line.clear();
+    } else {
+      line += c;
+    }
+  }
+  if (!line.empty()) lines.push_back(line);
+  return lines;
 }
 
 TEST_F(Tool, StreamPrintsLiveLinesAndASummary) {
@@ -212,6 +370,45 @@ TEST_F(Tool, StreamPrintsLiveLinesAndASummary) {
   EXPECT_FALSE(contains(result.out, "\r")) << "no progress bar when the output is not a terminal";
 }
 
+// A consumer that keeps every buffer 200 ms takes 5 of the camera's 30 frames
+// a second; the library drops the others while all buffers are locked, and
+// every one of them is counted.
+TEST_F(Tool, StreamCountsFramesLostToLockedBuffers) {
+  const auto result = tool({"stream", "--seconds", "3", "--hold-ms", "200"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(result.out, m,
+                                std::regex(R"(summary: (\d+) frames in ([0-9.]+) s .* (\d+) lost because)")))
+      << result.out;
+  const double frames = std::stod(m[1]);
+  const double seconds = std::stod(m[2]);
+  const double lost = std::stod(m[3]);
+  const double sent = 30 * seconds;
+  EXPECT_LT(frames, sent * 0.6) << result.out;
+  // Kept and lost together are what the camera sent, give or take the
+  // timing of a loaded machine.
+  EXPECT_GT(lost, sent * 0.25) << result.out;
+  EXPECT_NEAR(frames + lost, sent, sent * 0.2) << result.out;
+}
+
+// On a terminal a count or time limit shows a progress bar that rewrites one
+// line of at most 79 columns, then the summary.
+TEST_F(Tool, StreamShowsAProgressBarOnATerminal) {
+  Child child({TQSIM_LAUNCHER, "--", TQ_UVC_TOOL, "stream", "--seconds", "2.5"}, environment(), true);
+  ASSERT_TRUE(child.started());
+  EXPECT_EQ(child.finish(), 0) << child.err;
+  EXPECT_TRUE(contains(child.out, "\r[")) << child.out;
+  const std::vector<std::string> lines = displayLines(child.out);
+  ASSERT_GE(lines.size(), 3u) << child.out;
+  for (size_t i = 0; i + 1 < lines.size(); ++i) {
+    EXPECT_LE(lines[i].size(), 79u) << lines[i];
+    EXPECT_TRUE(std::regex_search(lines[i], std::regex(R"(^\[[#.]{20}\] +\d+% +\d+\.\d fps .* lost 0 *$)")))
+        << lines[i];
+  }
+  EXPECT_TRUE(contains(lines[1], "]  80%")) << lines[1];
+  EXPECT_EQ(lines.back().rfind("summary: ", 0), 0u) << lines.back();
+}
+
 TEST_F(Tool, LogLevelsFromTheCommandLine) {
   auto result = tool({"--log", "UVCAPI=trace", "read", "40A04"});
   EXPECT_EQ(result.status, 0) << result.err;
@@ -225,45 +422,42 @@ TEST_F(Tool, LogLevelsFromTheCommandLine) {
   EXPECT_EQ(result.err, "");
 }
 
-// monitor runs until interrupted and then exits cleanly.
-TEST_F(Tool, MonitorEndsOnInterrupt) {
-  int out[2];
-  ASSERT_EQ(pipe(out), 0);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_addclose(&actions, out[0]);
-  std::vector<std::string> env;
-  for (char** e = environ; *e != nullptr; ++e) env.emplace_back(*e);
-  for (const std::string& extra : environment()) env.push_back(extra);
-  std::vector<char*> envp;
-  for (std::string& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  std::string launcher = TQSIM_LAUNCHER, dashes = "--", program = TQ_UVC_TOOL, command = "monitor";
-  char* argv[] = {launcher.data(), dashes.data(), program.data(), command.data(), nullptr};
-  pid_t pid = -1;
-  ASSERT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv, envp.data()), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
-
-  std::string text;
-  char buffer[256];
-  while (!contains(text, "present  handle 1  serial CAM-SN-0042")) {
-    const ssize_t n = read(out[0], buffer, sizeof buffer);  // the tool flushes each report
-    if (n <= 0) break;
-    text.append(buffer, static_cast<size_t>(n));
+// A stop request ends each long-running command; monitor has nothing left to
+// do and exits 0, grab and stream were cut short: a message and 128 + SIGINT.
+TEST_F(Tool, InterruptEndsLongCommands) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string ready;  // on stdout or stderr once the command runs
+    int status;
+    std::string lastError;  // the end of stderr
+  };
+  const Case cases[] = {
+      {{"monitor"}, "present  handle 1  serial CAM-SN-0042", 0, ""},
+      {{"stream"}, "lost (all buffers locked)", 130, "tq-uvc: interrupted\n"},
+      {{"stream", "--frames", "100000"}, "fps", 130, "tq-uvc: interrupted\n"},
+      // grab prints nothing before its frames are in: the API trace shows it
+      // streaming.
+      {{"--log", "UVCAPI=trace", "grab", "-n", "100000", "-o", "never.png"},
+       "TqUvcStreamStart",
+       130,
+       " of 100000 frames received)\n"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args{TQSIM_LAUNCHER, "--", TQ_UVC_TOOL};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    Child child(args, environment(), false);
+    ASSERT_TRUE(child.started());
+    ASSERT_TRUE(child.readUntil(c.ready)) << c.args[0] << ": " << child.out << child.err;
+    child.signal(SIGINT);
+    EXPECT_EQ(child.finish(), c.status) << c.args[0] << ": " << child.err;
+    const std::string& err = child.err;
+    EXPECT_TRUE(err.size() >= c.lastError.size() &&
+                err.compare(err.size() - c.lastError.size(), c.lastError.size(), c.lastError) == 0)
+        << c.args[0] << ": " << err;
+    if (c.args[0] == "stream") {
+      EXPECT_TRUE(contains(child.out, "summary: ")) << child.out;
+    }
   }
-  EXPECT_TRUE(contains(text, "present  handle 1  serial CAM-SN-0042")) << text;
-  kill(pid, SIGINT);
-  int status = 0;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  pid_t done = 0;
-  while ((done = waitpid(pid, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  if (done == 0) kill(pid, SIGKILL), waitpid(pid, &status, 0);
-  close(out[0]);
-  ASSERT_EQ(done, pid) << "monitor did not end on SIGINT";
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 }  // namespace

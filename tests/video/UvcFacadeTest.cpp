@@ -1,5 +1,7 @@
 // The capture functions by camera number and the Vexa_UVC facade.
+#include <atomic>
 #include <functional>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -66,7 +68,7 @@ TEST_F(UvcFacadeTest, OpenListsSizesAndFramesWithoutCallbackAreDroppedUntilOneIs
   ASSERT_EQ(uvc.StartStreaming(6), 0);
   EXPECT_EQ(uvc.StartStreaming(6), -23);
   ASSERT_TRUE(log.waitFor("Vexa_UVC::NewBufferCallBack: callback function not defned yet: ", 3s));
-  EXPECT_EQ(uvc.frameCount, 0u);
+  EXPECT_EQ(uvc.frameCount(), 0u);
 
   // Registration while streaming: the capture thread picks it up.
   uvc.RegisterNewBufferCallback(6, &FrameSink::bufferCallback, &sink);
@@ -78,11 +80,71 @@ TEST_F(UvcFacadeTest, OpenListsSizesAndFramesWithoutCallbackAreDroppedUntilOneIs
   EXPECT_TRUE(other.frames().empty());
 
   EXPECT_EQ(uvc.StopStreaming(6), 0);
-  EXPECT_EQ(uvc.frameCount, sink.frames().size()) << "every frame passed on is counted, dropped ones not";
+  EXPECT_EQ(uvc.frameCount(), sink.frames().size()) << "every frame passed on is counted, dropped ones not";
   EXPECT_NE(capture_thread[6], nullptr) << "stop keeps the object";
   EXPECT_EQ(tqsim::openVideoNodes(id), 0);
   uvc.CloseStreaming(6);
   EXPECT_EQ(capture_thread[6], nullptr);
+}
+
+TEST_F(UvcFacadeTest, DestroyingTheFacadeStopsTheCapturesThatDeliverToIt) {
+  tqsim::CameraId id = plug();
+  FrameSink sink;
+  auto* uvc = new Vexa_UVC();
+  ASSERT_EQ(uvc->OpenStreaming(4, path_, list_, &count_), 0);
+  uvc->SetStreamingFrameFormat(4, 320, 240);
+  uvc->RegisterNewBufferCallback(4, &FrameSink::bufferCallback, &sink);
+  ASSERT_EQ(uvc->StartStreaming(4), 0);
+  ASSERT_TRUE(sink.waitForFrames(2));
+  delete uvc;
+  // Stopped and joined by the destructor: nothing calls into the freed object.
+  ASSERT_NE(capture_thread[4], nullptr);
+  EXPECT_FALSE(capture_thread[4]->running());
+  EXPECT_EQ(tqsim::openVideoNodes(id), 0);
+  // A later start of the number no longer reaches the gone facade.
+  const size_t delivered = sink.frames().size();
+  const uint32_t produced = tqsim::videoFramesProduced(id);
+  ASSERT_EQ(KOR_UVC_StreamStart(4), 0);
+  const auto deadline = std::chrono::steady_clock::now() + 3s;
+  while (tqsim::videoFramesProduced(id) < produced + 3 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(5ms);
+  EXPECT_EQ(sink.frames().size(), delivered);
+  EXPECT_EQ(KOR_UVC_StreamClose(4), 0);
+}
+
+// Re-registration while frames flow: each frame reaches a callback together
+// with that callback's own context, never the other registration's.
+TEST_F(UvcFacadeTest, CallbackAndContextArriveAsOnePair) {
+  tqsim::CameraConfig config = tqsim::defaultCameraConfig();
+  config.video.freeRun = true;
+  plug(config);
+  struct Receiver {
+    std::atomic<int> frames{0}, mismatched{0};
+  };
+  static Receiver a, b;
+  a.frames = b.frames = a.mismatched = b.mismatched = 0;
+  auto onA = [](char*, int, void* context) {
+    ++a.frames;
+    if (context != &a) ++a.mismatched;
+  };
+  auto onB = [](char*, int, void* context) {
+    ++b.frames;
+    if (context != &b) ++b.mismatched;
+  };
+  Vexa_UVC uvc;
+  ASSERT_EQ(uvc.OpenStreaming(7, path_, list_, &count_), 0);
+  uvc.SetStreamingFrameFormat(7, 1, 1);  // the smallest size: many frames
+  uvc.RegisterNewBufferCallback(7, onA, &a);
+  ASSERT_EQ(uvc.StartStreaming(7), 0);
+  const auto deadline = std::chrono::steady_clock::now() + 2s;
+  while ((a.frames + b.frames < 3000) && std::chrono::steady_clock::now() < deadline) {
+    uvc.RegisterNewBufferCallback(7, onB, &b);
+    uvc.RegisterNewBufferCallback(7, onA, &a);
+  }
+  EXPECT_EQ(uvc.StopStreaming(7), 0);
+  EXPECT_GT(a.frames + b.frames, 0);
+  EXPECT_EQ(a.mismatched + b.mismatched, 0);
+  uvc.CloseStreaming(7);
 }
 
 }  // namespace

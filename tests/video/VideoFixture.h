@@ -65,6 +65,26 @@ class FrameSink {
   std::vector<Frame> frames_;
 };
 
+// Every line starting with `prefix` comes from the library's "UVCLib" source
+// at `level`, and at least one was written.
+struct LoggedAs {
+  const char* prefix;
+  unsigned level;
+};
+inline void expectLoggedAs(const tqtest::LogCapture& log, const std::vector<LoggedAs>& expected) {
+  const auto lines = log.lines();
+  for (const auto& e : expected) {
+    size_t seen = 0;
+    for (const auto& l : lines) {
+      if (l.text.rfind(e.prefix, 0) != 0) continue;
+      ++seen;
+      EXPECT_EQ(l.source, "UVCLib") << l.text;
+      EXPECT_EQ(l.level, e.level) << l.text;
+    }
+    EXPECT_GT(seen, 0u) << "never logged: " << e.prefix;
+  }
+}
+
 class VideoSimTest : public ::testing::Test {
  protected:
   void SetUp() override { tqsim::reset(); }

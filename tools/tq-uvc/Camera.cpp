@@ -1,6 +1,10 @@
 #include "Camera.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "Status.h"
@@ -33,7 +37,10 @@ Camera selectCamera(const std::vector<Camera>& cameras, const std::string& selec
   for (const Camera& c : cameras)
     if (c.serial() == selector) return c;
   if (selector.find_first_not_of("0123456789") == std::string::npos) {
-    const uint64_t handle = std::stoull(selector);
+    errno = 0;
+    const uint64_t handle = std::strtoull(selector.c_str(), nullptr, 10);
+    if (errno == ERANGE)
+      throw Error("camera handle \"" + selector + "\" is out of range (not a serial number either)");
     for (const Camera& c : cameras)
       if (c.handle == handle) return c;
   }
@@ -50,7 +57,9 @@ Connection::Connection(uint64_t handle) : handle_(handle) {
 
 std::string readIdentity(uint64_t handle, uint32_t address) {
   char text[13] = {};
-  TqUvcReadMem(handle, address, reinterpret_cast<uint8_t*>(text), 12);
+  char where[32];
+  std::snprintf(where, sizeof where, "read the identity at 0x%X", address);
+  check(TqUvcReadMem(handle, address, reinterpret_cast<uint8_t*>(text), 12), where);
   return text;
 }
 
@@ -99,48 +108,139 @@ Geometry readGeometry(uint64_t handle) {
   return g;
 }
 
-StreamSession::StreamSession(uint64_t handle, const Geometry& geometry, Sink sink, unsigned bufferCount)
-    : handle_(handle), sink_(std::move(sink)) {
+OpenStreamChannel::OpenStreamChannel(uint64_t handle) : handle_(handle) {
+  check(TqUvcOpenStrmChan(handle, 0, 0, 0), "open the stream channel");
+}
+
+RunningStream::RunningStream(uint64_t handle) : handle_(handle) {
+  check(TqUvcStreamStart(handle, 0), "start streaming");
+}
+
+namespace {
+// Recent inter-frame gaps kept for the frame period.
+constexpr size_t kGapsKept = 15;
+// The first frames come in a burst (the camera streams while the library
+// settles): their gaps say nothing about the frame period and a ring they
+// fill loses nothing. The gaps after them give the period, so even a slow
+// consumer hands the frames up to kWarmUpFrames back at once.
+constexpr uint64_t kBurstFrames = 8;
+constexpr uint64_t kWarmUpFrames = 16;
+}  // namespace
+
+StreamSession::StreamSession(uint64_t handle, const Geometry& geometry, Sink sink, Options options)
+    : handle_(handle), sink_(std::move(sink)), options_(options) {
+  const unsigned count = std::max(1u, options_.bufferCount);
   const uint32_t size = geometry.pitch * geometry.height;
-  for (unsigned i = 0; i < bufferCount; ++i) {
+  for (unsigned i = 0; i < count; ++i) {
     buffers_.emplace_back(size);
     addresses_.push_back(reinterpret_cast<uintptr_t>(buffers_.back().data()));
     sizes_.push_back(size);
-    lockTable_.push_back((i + 1) % bufferCount);
+    lockTable_.push_back((i + 1) % count);
   }
-  check(TqUvcOpenStrmChan(handle, 0, 0, 0), "open the stream channel");
-  opened_ = true;
+  channel_.emplace(handle);
   _tagTqUvcBufDimension dim{};
   dim.LineIncrement = geometry.pitch;
-  check(TqUvcCfgMemory(handle, 0, addresses_.data(), sizes_.data(), bufferCount), "configure buffers");
+  check(TqUvcCfgMemory(handle, 0, addresses_.data(), sizes_.data(), count), "configure buffers");
   check(TqUvcCfgLockTable(handle, 0, lockTable_.data(), reinterpret_cast<uint8_t*>(&currentFrame_)),
         "configure the lock table");
   check(TqUvcCfgBufferDim(handle, 0, &dim), "configure the buffer geometry");
   check(TqUvcRegisterDataCallback(handle, 0, &StreamSession::onData, reinterpret_cast<uintptr_t>(this)),
         "register the data callback");
-  check(TqUvcStreamStart(handle, 0), "start streaming");
-  started_ = true;
+  running_.emplace(handle);
+  // Last: once it runs, nothing here throws any more.
+  consumer_ = std::thread(&StreamSession::consume, this);
 }
 
 StreamSession::~StreamSession() {
-  if (started_) TqUvcStreamStop(handle_, 0);
-  if (opened_) TqUvcCloseStrmChan(handle_);
+  // Stopping joins the capture thread: no callback after this.
+  running_.reset();
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  if (consumer_.joinable()) consumer_.join();
+  channel_.reset();
 }
 
 void StreamSession::onData(uint32_t index, uint32_t request, void* /*device*/, _tagTqUvcDataBlockInfo* info,
                            uint64_t context) {
   auto* self = reinterpret_cast<StreamSession*>(static_cast<uintptr_t>(context));
-  const size_t count = self->lockTable_.size();
-  if (index >= count) return;
+  if (index >= self->lockTable_.size()) return;
   if (request == TQUVC_REQ_LOCK) {
-    self->lockTable_[index] = TQUVC_LOCKED;
-    bool anyFree = false;
-    for (uint32_t word : self->lockTable_) anyFree = anyFree || word != TQUVC_LOCKED;
-    if (!anyFree) self->allLocked_.fetch_add(1);
+    self->onLock(index);
     return;
   }
-  if (info != nullptr) self->sink_(Frame{self->buffers_[index].data(), info});
-  self->lockTable_[index] = static_cast<uint32_t>((index + 1) % count);
+  if (info == nullptr) return;
+  {
+    std::lock_guard<std::mutex> guard(self->mutex_);
+    self->queue_.push_back({index, *info});
+  }
+  self->wake_.notify_one();
+}
+
+// A lock request comes with every frame the library keeps, right after the
+// frame arrived. Only lock requests take a buffer out of the ring, so a ring
+// left without a free buffer by one stays so until a release, and every frame
+// in between was dropped: the gap to the next kept frame, in frame periods,
+// tells how many.
+void StreamSession::onLock(uint32_t index) {
+  const Clock::time_point now = Clock::now();
+  std::lock_guard<std::mutex> guard(mutex_);
+  storeWord(index, TQUVC_LOCKED);
+  if (++arrivals_ > kBurstFrames) {
+    const Clock::duration gap = now - lastArrival_;
+    if (!ringFull_) {
+      freeGaps_.push_back(gap);
+      if (freeGaps_.size() > kGapsKept) freeGaps_.pop_front();
+    } else if (!freeGaps_.empty()) {
+      std::vector<Clock::duration> sorted(freeGaps_.begin(), freeGaps_.end());
+      std::nth_element(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2),
+                       sorted.end());
+      const double period = std::chrono::duration<double>(sorted[sorted.size() / 2]).count();
+      // Frames came every period after the last one; those before the first
+      // release were dropped, and the gap to this one bounds their number
+      // too (a camera that paused lost nothing).
+      const Clock::time_point freed = released_ ? firstRelease_ : now;
+      if (period > 0) {
+        const double full = std::chrono::duration<double>(freed - lastArrival_).count();
+        const long long beforeRelease = static_cast<long long>(std::floor(full / period));
+        const long long inGap = std::llround(std::chrono::duration<double>(gap).count() / period) - 1;
+        const long long dropped = std::min(beforeRelease, inGap);
+        if (dropped > 0) lost_.fetch_add(static_cast<uint64_t>(dropped));
+      }
+    }
+  }
+  lastArrival_ = now;
+  released_ = false;
+  bool anyFree = false;
+  for (uint32_t i = 0; i < lockTable_.size() && !anyFree; ++i) anyFree = loadWord(i) != TQUVC_LOCKED;
+  ringFull_ = !anyFree;
+}
+
+void StreamSession::consume() {
+  const auto count = static_cast<uint32_t>(lockTable_.size());
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (true) {
+    wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+    if (stopping_) return;
+    const Delivered delivered = queue_.front();
+    queue_.pop_front();
+    lock.unlock();
+    sink_(Frame{buffers_[delivered.index].data(), &delivered.info});
+    lock.lock();
+    const bool warmingUp = ++consumed_ <= kWarmUpFrames;
+    if (!warmingUp && options_.hold.count() > 0 &&
+        wake_.wait_for(lock, options_.hold, [this] { return stopping_; }))
+      return;
+    // Under the mutex, which the next lock request takes too: the library's
+    // next write into this buffer comes after the reads above.
+    storeWord(delivered.index, (delivered.index + 1) % count);
+    if (ringFull_ && !released_) {
+      released_ = true;
+      firstRelease_ = Clock::now();
+    }
+  }
 }
 
 }  // namespace tool

@@ -5,9 +5,15 @@
 #include <tq_uvc.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace tool {
@@ -53,6 +59,7 @@ class Connection {
 };
 
 // An identity string at a bootstrap address (0x4, 0x44, ... 0x144), 12 bytes.
+// Throws Error naming the address when the read fails.
 std::string readIdentity(uint64_t handle, uint32_t address);
 
 // Several registers in one multi-register call; where the transport refuses
@@ -70,44 +77,106 @@ struct Geometry {
 // Width, height and line pitch from the camera's registers; throws Error.
 Geometry readGeometry(uint64_t handle);
 
-// One frame as the data callback sees it; `data` is valid during the call only.
+// One frame as the consumer sees it; `data` is valid during the call only.
 struct Frame {
   const uint8_t* data;
   const _tagTqUvcDataBlockInfo* info;
 };
 
+// The stream channel, open for the lifetime of the object.
+class OpenStreamChannel {
+ public:
+  explicit OpenStreamChannel(uint64_t handle);  // throws Error
+  ~OpenStreamChannel() { TqUvcCloseStrmChan(handle_); }
+  OpenStreamChannel(const OpenStreamChannel&) = delete;
+  OpenStreamChannel& operator=(const OpenStreamChannel&) = delete;
+
+ private:
+  uint64_t handle_;
+};
+
+// Frame delivery, started for the lifetime of the object.
+class RunningStream {
+ public:
+  explicit RunningStream(uint64_t handle);  // throws Error
+  ~RunningStream() { TqUvcStreamStop(handle_, 0); }
+  RunningStream(const RunningStream&) = delete;
+  RunningStream& operator=(const RunningStream&) = delete;
+
+ private:
+  uint64_t handle_;
+};
+
 // Streams into a ring of client buffers from construction to destruction.
-// The sink runs on the library's capture thread; the buffer goes back into
-// the ring as soon as it returns, so the library never finds all of them
-// locked unless the sink itself is slower than the camera.
+// The library fills a buffer and hands it over on its capture thread; the
+// session's own consumer thread passes it to the sink, keeps it locked for
+// `hold` more (a slow consumer; not for the first frames, which give the frame
+// period) and then puts it back into the ring. While every buffer is locked
+// the library drops arriving frames without telling anyone; the session counts
+// them from the gap they leave in the frame timing.
 class StreamSession {
  public:
   using Sink = std::function<void(const Frame&)>;
-  // Opens the stream channel, configures `bufferCount` buffers of the
-  // geometry's size and starts. Throws Error on any refusal.
-  StreamSession(uint64_t handle, const Geometry& geometry, Sink sink, unsigned bufferCount = 4);
+  struct Options {
+    unsigned bufferCount = 4;
+    std::chrono::milliseconds hold{0};
+  };
+  // Opens the stream channel, configures the buffers for the geometry and
+  // starts. Throws Error on any refusal, leaving nothing open.
+  StreamSession(uint64_t handle, const Geometry& geometry, Sink sink, Options options);
   ~StreamSession();
   StreamSession(const StreamSession&) = delete;
   StreamSession& operator=(const StreamSession&) = delete;
 
-  // Lock requests that left no buffer free: each means the library dropped
-  // the frame(s) that came before a buffer went back into the ring.
-  uint64_t allLockedEpisodes() const { return allLocked_.load(); }
+  // Frames the camera sent while every buffer was locked.
+  uint64_t lostFrames() const { return lost_.load(); }
 
  private:
   static void onData(uint32_t index, uint32_t request, void* device, _tagTqUvcDataBlockInfo* info,
                      uint64_t context);
+  void onLock(uint32_t index);
+  void consume();
+  void storeWord(uint32_t index, uint32_t word) {
+    __atomic_store_n(&lockTable_[index], word, __ATOMIC_RELAXED);
+  }
+  uint32_t loadWord(uint32_t index) const { return __atomic_load_n(&lockTable_[index], __ATOMIC_RELAXED); }
 
-  uint64_t handle_;
-  Sink sink_;
+  using Clock = std::chrono::steady_clock;
+  struct Delivered {
+    uint32_t index;
+    _tagTqUvcDataBlockInfo info;
+  };
+
+  const uint64_t handle_;
+  const Sink sink_;
+  const Options options_;
   std::vector<std::vector<uint8_t>> buffers_;
   std::vector<uint64_t> addresses_;
   std::vector<uint32_t> sizes_;
   std::vector<uint32_t> lockTable_;
   uint32_t currentFrame_ = 0;
-  std::atomic<uint64_t> allLocked_{0};
-  bool opened_ = false;
-  bool started_ = false;
+
+  std::mutex mutex_;  // the queue, the timing state, and the order of buffer use
+  std::condition_variable wake_;
+  std::deque<Delivered> queue_;
+  bool stopping_ = false;
+  uint64_t consumed_ = 0;
+  // Frame timing: when the last frame arrived, whether it left the ring
+  // without a free buffer, and recent gaps between frames that had one.
+  uint64_t arrivals_ = 0;
+  Clock::time_point lastArrival_{};
+  bool ringFull_ = false;
+  // The first release after the ring was left full: the end of the drops.
+  bool released_ = false;
+  Clock::time_point firstRelease_{};
+  std::deque<Clock::duration> freeGaps_;
+  std::atomic<uint64_t> lost_{0};
+
+  // Declared last: delivery stops before the channel closes, and both before
+  // the buffers go away.
+  std::optional<OpenStreamChannel> channel_;
+  std::optional<RunningStream> running_;
+  std::thread consumer_;
 };
 
 }  // namespace tool

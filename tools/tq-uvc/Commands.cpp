@@ -1,6 +1,7 @@
 #include "Commands.h"
 
 #include <openssl/evp.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <chrono>
@@ -27,8 +28,9 @@ using Clock = std::chrono::steady_clock;
 
 // A camera that stops delivering frames for this long counts as failed.
 constexpr auto kFrameTimeout = std::chrono::seconds(10);
-constexpr uint32_t kDescriptionFileAddress = 0x100000;
 constexpr uint32_t kVersionAddress = 0xC4;
+// The live line with a progress bar stays within an 80-column terminal.
+constexpr size_t kProgressWidth = 79;
 
 std::string hex32(uint32_t value) {
   char text[16];
@@ -121,6 +123,37 @@ struct ConnectedCamera {
 std::atomic<bool>& stopRequested() {
   static std::atomic<bool> flag{false};
   return flag;
+}
+
+std::atomic<int>& stopSignal() {
+  static std::atomic<int> number{0};
+  return number;
+}
+
+int Interrupted::exitStatus() {
+  const int signal = stopSignal().load();
+  return 128 + (signal != 0 ? signal : SIGINT);
+}
+
+DescriptionFile parseDescriptionFileLocation(const std::string& location) {
+  // local:NAME;ADDRESS;SIZE, address and size in hex
+  if (lower(location.substr(0, 6)) != "local:")
+    throw Error("unexpected description-file location: " + location);
+  const std::string rest = location.substr(6);
+  const size_t first = rest.find(';');
+  const size_t second = first == std::string::npos ? first : rest.find(';', first + 1);
+  if (second == std::string::npos)
+    throw Error("no address and size in the description-file location: " + location);
+  DescriptionFile file;
+  file.name = rest.substr(0, first);
+  // Only the file-name part: the camera's text must not pick a directory.
+  const size_t slash = file.name.find_last_of("/\\");
+  if (slash != std::string::npos) file.name = file.name.substr(slash + 1);
+  if (file.name.empty() || file.name == "." || file.name == "..")
+    throw Error("no file name in the description-file location: " + location);
+  file.address = parseHex(rest.substr(first + 1, second - first - 1));
+  file.size = parseHex(rest.substr(second + 1));
+  return file;
 }
 
 uint32_t parseHex(const std::string& text) {
@@ -268,24 +301,16 @@ int runReadMem(std::ostream& out, const std::string& selector, const std::string
 int runXml(std::ostream& out, const std::string& selector, const std::string& outputPath) {
   ConnectedCamera cc(selector);
   const Manifest m = readManifest(cc.camera.handle);
-  // local:NAME;ADDRESS;SIZE, address and size in hex
-  std::string location = m.path;
-  if (lower(location.substr(0, 6)) != "local:")
-    throw Error("unexpected description-file location: " + location);
-  location = location.substr(6);
-  const size_t first = location.find(';');
-  const size_t second = first == std::string::npos ? first : location.find(';', first + 1);
-  if (second == std::string::npos) throw Error("no size in the description-file location: " + m.path);
-  const std::string name = location.substr(0, first);
-  const uint32_t size = parseHex(location.substr(second + 1));
+  const DescriptionFile file = parseDescriptionFileLocation(m.path);
+  const std::string& name = file.name;
+  const uint32_t size = file.size;
   if (size == 0) throw Error("the camera reports an empty description file");
   if (m.sha.size() != 40) throw Error("the camera delivered no SHA-1 for its description file");
 
   // The camera hands the file out in whole 32-bit words.
   std::vector<uint8_t> data((size + 3u) & ~3u);
-  check(TqUvcReadMem(cc.camera.handle, kDescriptionFileAddress, data.data(),
-                     static_cast<uint32_t>(data.size())),
-        "read the description file");
+  check(TqUvcReadMem(cc.camera.handle, m.address, data.data(), static_cast<uint32_t>(data.size())),
+        "read the description file at " + hex32(m.address));
   data.resize(size);
   const std::string actual = sha1Hex(data);
   if (actual != lower(m.sha))
@@ -320,24 +345,28 @@ int runGrab(std::ostream& out, const std::string& selector, unsigned frames, con
   Clock::time_point lastFrame = Clock::now();
 
   {
-    StreamSession session(cc.camera.handle, geometry, [&](const Frame& frame) {
-      std::lock_guard<std::mutex> guard(mutex);
-      if (received >= frames) return;
-      ++received;
-      lastFrame = Clock::now();
-      if (everyFrame || received == frames) {
-        const size_t bytes =
-            std::min<size_t>(frame.info->DataSize, static_cast<size_t>(geometry.pitch) * geometry.height);
-        queue.push_back({std::vector<uint8_t>(frame.data, frame.data + bytes), frame.info->Width,
-                         frame.info->Height, frame.info->Valid != 0});
-      }
-      cv.notify_all();
-    });
+    StreamSession session(
+        cc.camera.handle, geometry,
+        [&](const Frame& frame) {
+          std::lock_guard<std::mutex> guard(mutex);
+          if (received >= frames) return;
+          ++received;
+          lastFrame = Clock::now();
+          if (everyFrame || received == frames) {
+            const size_t bytes =
+                std::min<size_t>(frame.info->DataSize, static_cast<size_t>(geometry.pitch) * geometry.height);
+            queue.push_back({std::vector<uint8_t>(frame.data, frame.data + bytes), frame.info->Width,
+                             frame.info->Height, frame.info->Valid != 0});
+          }
+          cv.notify_all();
+        },
+        StreamSession::Options{});
     unsigned written = 0;
     std::unique_lock<std::mutex> lock(mutex);
     while (written < (everyFrame ? frames : 1u)) {
       if (!waitUntil(lock, cv, lastFrame + kFrameTimeout, [&] { return !queue.empty(); })) {
-        if (stopRequested()) return 1;
+        if (stopRequested())
+          throw Interrupted(std::to_string(received) + " of " + std::to_string(frames) + " frames received");
         throw Error("no frame from the camera for " + std::to_string(kFrameTimeout.count()) + " s (" +
                     std::to_string(received) + " of " + std::to_string(frames) + " received)");
       }
@@ -370,14 +399,19 @@ int runStream(std::ostream& out, const std::string& selector, const StreamLimits
   uint64_t incomplete = 0;
   Clock::time_point lastFrame = Clock::now();
 
-  StreamSession session(cc.camera.handle, geometry, [&](const Frame& frame) {
-    std::lock_guard<std::mutex> guard(mutex);
-    ++frames;
-    bytes += frame.info->DataSize;
-    if (frame.info->Valid == 0) ++incomplete;
-    lastFrame = Clock::now();
-    cv.notify_all();
-  });
+  StreamSession::Options options;
+  options.hold = limits.hold;
+  StreamSession session(
+      cc.camera.handle, geometry,
+      [&](const Frame& frame) {
+        std::lock_guard<std::mutex> guard(mutex);
+        ++frames;
+        bytes += frame.info->DataSize;
+        if (frame.info->Valid == 0) ++incomplete;
+        lastFrame = Clock::now();
+        cv.notify_all();
+      },
+      options);
 
   const Clock::time_point start = Clock::now();
   const Clock::time_point end =
@@ -413,29 +447,38 @@ int runStream(std::ostream& out, const std::string& selector, const StreamLimits
     // Printed without the lock: a blocked stdout must not stall the capture
     // thread's callback.
     lock.unlock();
-    char line[200];
-    std::snprintf(line, sizeof line,
-                  "%5.1f fps  %7.2f MiB/s  frames %llu  incomplete %llu  lost (all buffers locked) %llu",
-                  static_cast<double>(nowFrames - lastFrames) / dt, mib(nowBytes - lastBytes) / dt,
-                  static_cast<unsigned long long>(nowFrames), static_cast<unsigned long long>(nowIncomplete),
-                  static_cast<unsigned long long>(session.allLockedEpisodes()));
+    const double fps = static_cast<double>(nowFrames - lastFrames) / dt;
+    const double rate = mib(nowBytes - lastBytes) / dt;
+    const auto lost = static_cast<unsigned long long>(session.lostFrames());
     lastFrames = nowFrames;
     lastBytes = nowBytes;
+    char line[200];
     if (limits.progressBar && (limits.frames != 0 || limits.seconds > 0)) {
       double done = limits.frames != 0 ? static_cast<double>(nowFrames) / static_cast<double>(limits.frames)
                                        : secondsSince(start) / limits.seconds;
       done = std::min(1.0, done);
-      const int filled = static_cast<int>(done * 30);
-      out << "\r[" << std::string(static_cast<size_t>(filled), '#')
-          << std::string(static_cast<size_t>(30 - filled), '.') << "] " << std::setw(3)
-          << static_cast<int>(done * 100) << "%  " << line << std::flush;
+      constexpr int kBar = 20;
+      const int filled = static_cast<int>(done * kBar);
+      std::snprintf(line, sizeof line, "%5.1f fps %7.2f MiB/s  incomplete %llu  lost %llu", fps, rate,
+                    static_cast<unsigned long long>(nowIncomplete), lost);
+      std::string text = "[" + std::string(static_cast<size_t>(filled), '#') +
+                         std::string(static_cast<size_t>(kBar - filled), '.') + "] ";
+      char percent[8];
+      std::snprintf(percent, sizeof percent, "%3d%% ", static_cast<int>(done * 100));
+      text += percent + std::string(line);
+      text.resize(kProgressWidth, ' ');  // also blanks what a longer line left
+      out << '\r' << text << std::flush;
     } else {
+      std::snprintf(line, sizeof line,
+                    "%5.1f fps  %7.2f MiB/s  frames %llu  incomplete %llu  lost (all buffers locked) %llu",
+                    fps, rate, static_cast<unsigned long long>(nowFrames),
+                    static_cast<unsigned long long>(nowIncomplete), lost);
       out << line << '\n' << std::flush;
     }
     lock.lock();
     if (limitReached()) break;
   }
-  if (limits.progressBar) out << '\n';
+  if (limits.progressBar && (limits.frames != 0 || limits.seconds > 0)) out << '\n';
   const double elapsed = secondsSince(start);
   const uint64_t total = frames;
   const uint64_t totalBytes = bytes;
@@ -447,10 +490,11 @@ int runStream(std::ostream& out, const std::string& selector, const StreamLimits
                 "%llu lost because all buffers were locked\n",
                 static_cast<unsigned long long>(total), elapsed, static_cast<double>(total) / elapsed,
                 mib(totalBytes) / elapsed, mib(totalBytes), static_cast<unsigned long long>(totalIncomplete),
-                static_cast<unsigned long long>(session.allLockedEpisodes()));
-  out << summary;
+                static_cast<unsigned long long>(session.lostFrames()));
+  out << summary << std::flush;
   if (stalled || (total == 0 && !stopRequested()))
     throw Error("no frame from the camera for " + std::to_string(kFrameTimeout.count()) + " s");
+  if (stopRequested()) throw Interrupted();
   return 0;
 }
 

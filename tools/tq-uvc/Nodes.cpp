@@ -9,8 +9,8 @@
 namespace tool {
 namespace {
 
-// Node numbers probed; the kernel hands them out from 0 without big gaps.
-constexpr int kMaxNodeNumber = 64;
+// Node numbers probed: the same range the library scans.
+constexpr int kMaxNodeNumber = 256;
 
 bool isCharacterDevice(const std::string& path) {
   struct stat st {};

@@ -1,4 +1,6 @@
-// Names and texts of the status words the library returns.
+// Names and texts of the status words the library returns, from the library's
+// own status tables (camera status bytes, HID protocol codes, GenCP and USB3
+// Vision words).
 #pragma once
 
 #include <cstdint>
@@ -7,12 +9,13 @@
 
 namespace tool {
 
-// "GENCP_BUSY"-style name; "UNKNOWN" for a value not in the table.
-const char* statusName(uint32_t status);
-// One-line explanation; a generic text for a value not in the table.
-const char* statusText(uint32_t status);
-// "0x8007 GENCP_BUSY: The command ..."; negative transport codes also show
-// their signed value.
+// "GENCP_BUSY" or "VX_UVC_STATUS_NOT_AVAILABLE"-style name; "UNKNOWN" for a
+// value none of the tables holds.
+std::string statusName(uint32_t status);
+// The table's text; "Unknown GenCP error" for a value none of them holds.
+std::string statusText(uint32_t status);
+// "status 0x8007 GENCP_BUSY: The command ..."; negative transport codes also
+// show their signed value.
 std::string describeStatus(uint32_t status);
 
 // A failure the tool reports and exits on. `status` is the library's status

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -17,11 +18,17 @@ namespace {
 // Set on the re-executed process so that it does not exec again.
 constexpr const char* kLogApplied = "TQ_UVC_TOOL_LOG_APPLIED";
 
-void onSignal(int) { tool::stopRequested().store(true); }
+void onSignal(int signal) {
+  tool::stopSignal().store(signal);
+  tool::stopRequested().store(true);
+}
 
 void installSignalHandlers() {
   struct sigaction action {};
   action.sa_handler = onSignal;
+  // The first signal ends the command cleanly; a second one ends the tool at
+  // once, as if there were no handler.
+  action.sa_flags = SA_RESETHAND;
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
@@ -91,6 +98,9 @@ int runTool(int argc, char** argv) {
   stream->add_option("--frames", limits.frames, "Stop after this many frames")
       ->check(CLI::PositiveNumber)
       ->excludes(seconds);
+  unsigned holdMs = 0;
+  // Hidden: a deliberately slow consumer, to see frames lost to locked buffers.
+  stream->add_option("--hold-ms", holdMs, "")->group("");
   auto* monitor = app.add_subcommand("monitor", "Print cameras arriving and leaving until interrupted");
   for (CLI::App* sub : app.get_subcommands({})) sub->fallthrough();
 
@@ -104,6 +114,7 @@ int runTool(int argc, char** argv) {
   applyLogLevels(verbosity, logSpec, argv);
   installSignalHandlers();
   limits.progressBar = ::isatty(STDOUT_FILENO) != 0;
+  limits.hold = std::chrono::milliseconds(holdMs);
 
   try {
     std::ostream& out = std::cout;
@@ -117,6 +128,10 @@ int runTool(int argc, char** argv) {
     if (*monitor) return tool::runMonitor(out);
     (void)list;
     return tool::runList(out);
+  } catch (const tool::Interrupted& e) {
+    std::cout.flush();
+    std::cerr << "tq-uvc: " << e.what() << '\n';
+    return tool::Interrupted::exitStatus();
   } catch (const tool::Error& e) {
     std::cout.flush();
     std::cerr << "tq-uvc: error: " << e.what() << '\n';

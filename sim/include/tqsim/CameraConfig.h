@@ -45,9 +45,10 @@ struct VideoFaults {
   uint32_t answerHeight = 0;
   uint32_t shortFrameBytes = 0;  // bytesused of every frame (0: full frames)
   int dqbufErrno = 0;            // every VIDIOC_DQBUF fails with this errno (0: no fault)
-  bool selectFails = false;      // the node reports an error on select, as on unplug
+  bool selectFails = false;      // the driver loses the device: open descriptors break as on unplug
   bool stopSending = false;      // no further frames are produced
   int enumSizesErrno = 0;        // ENUM_FRAMESIZES ends with this errno instead of EINVAL
+  bool dqbufAgain = false;       // DQBUF answers EAGAIN although finished frames keep the node readable
 };
 
 struct HidFaults {

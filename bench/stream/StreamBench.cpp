@@ -1,0 +1,351 @@
+// The frame path as a client of the exported functions feels it, each value
+// beside a baseline doing the same work on the same emulated node:
+//   FrameCopy/W/H     the stream handler's work for one frame (lock request,
+//                     copy into a client buffer, notification) with callbacks
+//                     that do nothing; ColdMemcpy/W/H copies the same bytes
+//                     from a source the cache does not hold.
+//   ApiStreamFps/W/H  frames per second into four client buffers with the
+//                     camera running free; RawV4l2Fps/W/H is a plain libv4l2
+//                     mmap loop on the same node copying into one buffer.
+//   ApiStreamStop/W/H TqUvcStreamStop while frames arrive (compare with one
+//                     frame interval of ApiStreamFps), ApiStreamStop/idle
+//                     while the camera sends nothing.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <libv4l2.h>
+#include <linux/videodev2.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <tq_uvc.h>
+#include <tqsim/FramePattern.h>
+#include <tqsim/Sim.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "BenchCamera.h"
+#include "api/TqUvcLibAPI.h"
+#include "pool/TqUvcDevPool.h"
+#include "stream/TqUvcStrmHandler.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int widthOf(const benchmark::State& state) { return static_cast<int>(state.range(0)); }
+int heightOf(const benchmark::State& state) { return static_cast<int>(state.range(1)); }
+
+// `count` page-aligned frames of `bytes`, each holding the test pattern, so
+// every page is mapped before timing starts.
+class FrameRing {
+ public:
+  FrameRing(size_t bytes, size_t count) : bytes_(bytes), count_(count) {
+    stride_ = (bytes + 4095) / 4096 * 4096;
+    memory_.reset(static_cast<uint8_t*>(std::aligned_alloc(4096, stride_ * count)));
+    if (!memory_) return;
+    for (size_t i = 0; i < count; ++i) tqsim::fillFrame(at(i), bytes, static_cast<uint32_t>(i));
+  }
+  bool ok() const { return memory_ != nullptr; }
+  uint8_t* at(size_t i) { return memory_.get() + (i % count_) * stride_; }
+  size_t size() const { return count_; }
+
+ private:
+  struct Free {
+    void operator()(uint8_t* p) const { std::free(p); }
+  };
+  size_t bytes_;
+  size_t count_;
+  size_t stride_ = 0;
+  std::unique_ptr<uint8_t, Free> memory_;
+};
+
+void ignoreFrame(uint32_t, uint32_t, void*, _tagTqUvcDataBlockInfo*, uint64_t) {}
+
+void FrameCopy(benchmark::State& state) {
+  const int width = widthOf(state);
+  const int height = heightOf(state);
+  const size_t bytes = bench::frameBytes(width, height);
+  // The node sends nothing: every frame the handler sees comes from here.
+  tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
+  config.videoFaults.stopSending = true;
+  bench::ApiCameras cameras({config});
+  if (!cameras.error().empty()) {
+    state.SkipWithError(cameras.error().c_str());
+    return;
+  }
+  bench::StreamClient client(bytes);
+  std::string error = client.open(cameras.handle(0), &ignoreFrame);
+  if (error.empty()) error = client.start();
+  FrameRing source(bytes, bench::coldRingLength(bytes));
+  if (error.empty() && !source.ok()) error = "out of memory";
+  TqUvcDevPoolNode* node = error.empty() ? ThePool.load()->GetNode(cameras.handle(0)) : nullptr;
+  if (error.empty() && node == nullptr) error = "no device behind the handle";
+  if (!error.empty()) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  const int size = static_cast<int>(bytes);
+  size_t next = 0;
+  for (auto _ : state) {
+    LocalNewBufferCallBack(reinterpret_cast<char*>(source.at(next++)), size, &node->device);
+  }
+  // The last frame must have landed whole in one of the client's buffers.
+  const uint8_t* last = source.at(next - 1);
+  bool found = false;
+  for (uint32_t i = 0; i < bench::StreamClient::kBuffers; ++i)
+    found = found || std::memcmp(client.buffer(i), last, bytes) == 0;
+  if (!found) state.SkipWithError("the frame did not reach a client buffer");
+  node->ReleaseRef();
+  state.SetItemsProcessed(state.iterations());
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
+}
+
+// The baseline: the same bytes, from a source not in cache, into four
+// destinations used in turn as the client's buffers are.
+void ColdMemcpy(benchmark::State& state) {
+  const size_t bytes = bench::frameBytes(widthOf(state), heightOf(state));
+  FrameRing source(bytes, bench::coldRingLength(bytes));
+  FrameRing target(bytes, bench::StreamClient::kBuffers);
+  if (!source.ok() || !target.ok()) {
+    state.SkipWithError("out of memory");
+    return;
+  }
+  size_t next = 0;
+  for (auto _ : state) {
+    std::memcpy(target.at(next), source.at(next), bytes);
+    ++next;
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations());
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
+}
+
+void ApiStreamFps(benchmark::State& state) {
+  constexpr int kBatch = 8;
+  const int width = widthOf(state);
+  const int height = heightOf(state);
+  const size_t bytes = bench::frameBytes(width, height);
+  tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
+  config.video.freeRun = true;
+  bench::ApiCameras cameras({config});
+  if (!cameras.error().empty()) {
+    state.SkipWithError(cameras.error().c_str());
+    return;
+  }
+  bench::StreamClient client(bytes);
+  std::string error = client.open(cameras.handle(0));
+  if (error.empty()) error = client.start();
+  // The first frames come after the capture thread has set the node up.
+  if (error.empty() && !client.waitFor(2)) error = "no frame arrived";
+  if (!error.empty()) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  uint64_t target = client.frames();
+  while (state.KeepRunningBatch(kBatch)) {
+    target += kBatch;
+    if (!client.waitFor(target)) {
+      state.SkipWithError("frames stopped arriving");
+      break;
+    }
+  }
+  state.SetItemsProcessed(state.iterations());
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
+}
+
+int xioctl(int fd, unsigned long request, void* arg) {
+  int rc;
+  do {
+    rc = v4l2_ioctl(fd, request, arg);
+  } while (rc == -1 && errno == EINTR);
+  return rc;
+}
+
+// A plain capture loop: open, set the format, map four buffers, stream; per
+// frame wait, dequeue, copy into one buffer, queue again.
+class RawCapture {
+ public:
+  RawCapture(const char* path, int width, int height) {
+    fd_ = v4l2_open(path, O_RDWR | O_NONBLOCK);
+    if (fd_ == -1) {
+      error_ = "cannot open the node";
+      return;
+    }
+    v4l2_format fmt{};
+    fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    fmt.fmt.pix.width = static_cast<uint32_t>(width);
+    fmt.fmt.pix.height = static_cast<uint32_t>(height);
+    fmt.fmt.pix.pixelformat = V4L2_PIX_FMT_YUYV;
+    fmt.fmt.pix.field = V4L2_FIELD_NONE;
+    if (xioctl(fd_, VIDIOC_S_FMT, &fmt) != 0 || fmt.fmt.pix.width != static_cast<uint32_t>(width) ||
+        fmt.fmt.pix.height != static_cast<uint32_t>(height)) {
+      error_ = "the node has no such size";
+      return;
+    }
+    v4l2_requestbuffers req{};
+    req.count = 4;
+    req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    req.memory = V4L2_MEMORY_MMAP;
+    if (xioctl(fd_, VIDIOC_REQBUFS, &req) != 0 || req.count == 0) {
+      error_ = "REQBUFS failed";
+      return;
+    }
+    for (uint32_t i = 0; i < req.count; ++i) {
+      v4l2_buffer buf = buffer(i);
+      if (xioctl(fd_, VIDIOC_QUERYBUF, &buf) != 0) {
+        error_ = "QUERYBUF failed";
+        return;
+      }
+      void* start = v4l2_mmap(nullptr, buf.length, PROT_READ, MAP_SHARED, fd_, buf.m.offset);
+      if (start == MAP_FAILED) {
+        error_ = "mmap failed";
+        return;
+      }
+      maps_.push_back({start, buf.length});
+      if (xioctl(fd_, VIDIOC_QBUF, &buf) != 0) {
+        error_ = "QBUF failed";
+        return;
+      }
+    }
+    copy_.resize(fmt.fmt.pix.sizeimage);
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (xioctl(fd_, VIDIOC_STREAMON, &type) != 0) error_ = "STREAMON failed";
+  }
+  ~RawCapture() {
+    if (fd_ == -1) return;
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    xioctl(fd_, VIDIOC_STREAMOFF, &type);
+    for (const auto& m : maps_) v4l2_munmap(m.start, m.length);
+    v4l2_close(fd_);
+  }
+  RawCapture(const RawCapture&) = delete;
+  RawCapture& operator=(const RawCapture&) = delete;
+
+  const std::string& error() const { return error_; }
+
+  // One frame; false when none came within the time-out or a call failed.
+  bool frame() {
+    pollfd pfd{fd_, POLLIN, 0};
+    const int timeoutMs = static_cast<int>(std::chrono::milliseconds(bench::kFrameTimeout).count());
+    if (::poll(&pfd, 1, timeoutMs) != 1) return false;
+    v4l2_buffer buf = buffer(0);
+    if (xioctl(fd_, VIDIOC_DQBUF, &buf) != 0 || buf.index >= maps_.size()) return false;
+    std::memcpy(copy_.data(), maps_[buf.index].start, std::min<size_t>(buf.bytesused, copy_.size()));
+    benchmark::ClobberMemory();
+    return xioctl(fd_, VIDIOC_QBUF, &buf) == 0;
+  }
+
+ private:
+  struct Map {
+    void* start;
+    size_t length;
+  };
+  static v4l2_buffer buffer(uint32_t index) {
+    v4l2_buffer buf{};
+    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buf.memory = V4L2_MEMORY_MMAP;
+    buf.index = index;
+    return buf;
+  }
+
+  int fd_ = -1;
+  std::string error_;
+  std::vector<Map> maps_;
+  std::vector<uint8_t> copy_;
+};
+
+void RawV4l2Fps(benchmark::State& state) {
+  const int width = widthOf(state);
+  const int height = heightOf(state);
+  const size_t bytes = bench::frameBytes(width, height);
+  tqsim::reset();
+  tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
+  config.video.freeRun = true;
+  std::string error;
+  if (tqsim::plugCamera(config, &error) == tqsim::kNoCamera) {
+    state.SkipWithError(("cannot plug the camera: " + error).c_str());
+    tqsim::reset();
+    return;
+  }
+  {
+    RawCapture capture("/dev/video0", width, height);
+    error = capture.error();
+    // Warm-up, as for the library: the first frames after STREAMON.
+    if (error.empty() && !(capture.frame() && capture.frame())) error = "no frame arrived";
+    if (!error.empty()) state.SkipWithError(error.c_str());
+    for (auto _ : state) {
+      if (!error.empty() || !capture.frame()) {
+        if (error.empty()) state.SkipWithError("frames stopped arriving");
+        break;
+      }
+    }
+  }
+  tqsim::reset();
+  state.SetItemsProcessed(state.iterations());
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
+}
+
+// Each iteration starts the stream (not timed; the start settles for 100 ms)
+// and times the stop; `idle`: the camera sends nothing.
+void stopLatency(benchmark::State& state, int width, int height, bool idle) {
+  tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
+  config.video.freeRun = true;
+  config.videoFaults.stopSending = idle;
+  bench::ApiCameras cameras({config});
+  if (!cameras.error().empty()) {
+    state.SkipWithError(cameras.error().c_str());
+    return;
+  }
+  bench::StreamClient client(bench::frameBytes(width, height));
+  const std::string error = client.open(cameras.handle(0));
+  if (!error.empty()) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  for (auto _ : state) {
+    std::string failed = client.start();
+    // Two frames: the capture thread is in its loop.
+    if (failed.empty() && !idle && !client.waitFor(client.frames() + 2)) failed = "no frame arrived";
+    const auto begin = Clock::now();
+    const uint32_t rc = client.stop();
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - begin).count());
+    if (failed.empty() && rc != 0) failed = "TqUvcStreamStop failed";
+    if (!failed.empty()) {
+      state.SkipWithError(failed.c_str());
+      break;
+    }
+  }
+}
+
+void ApiStreamStop(benchmark::State& state) { stopLatency(state, widthOf(state), heightOf(state), false); }
+void ApiStreamStopIdle(benchmark::State& state) { stopLatency(state, 640, 480, true); }
+
+void frameSizes(benchmark::internal::Benchmark* b) {
+  for (auto [w, h] : {std::pair<int, int>{320, 240}, {640, 480}, {1280, 960}, {1920, 1080}}) b->Args({w, h});
+}
+
+BENCHMARK(FrameCopy)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(ColdMemcpy)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(ApiStreamFps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(RawV4l2Fps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
+// A fixed count bounds the run: every start settles for 100 ms.
+BENCHMARK(ApiStreamStop)
+    ->Args({640, 480})
+    ->Args({1920, 1080})
+    ->Iterations(20)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(ApiStreamStopIdle)
+    ->Name("ApiStreamStop/idle")
+    ->Iterations(20)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
