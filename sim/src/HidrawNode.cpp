@@ -111,7 +111,17 @@ void HidrawNode::serve() {
       pollfd fds[2] = {{wake_.get(), POLLIN, 0}, {callerOpen ? ours_.get() : -1, POLLIN, 0}};
       const int ready = ::poll(fds, 2, timeoutMs);
       if (ready < 0 && errno != EINTR) return;
-      if (fds[0].revents != 0) return;
+      if (fds[0].revents != 0) {
+        // Closed: a report written before the close reached the camera, as a
+        // write to the kernel's node has once it returns.
+        if (callerOpen && camera_->plugged()) {
+          ssize_t n = 0;
+          while ((n = ::recv(ours_.get(), buffer, kReceiveBuffer, MSG_DONTWAIT)) > 0) {
+            camera_->handle(buffer, static_cast<size_t>(n));
+          }
+        }
+        return;
+      }
 
       if (fds[1].revents != 0) {
         const ssize_t n = ::recv(ours_.get(), buffer, kReceiveBuffer, MSG_DONTWAIT);

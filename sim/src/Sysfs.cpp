@@ -118,7 +118,7 @@ std::string relativeToSys(const std::string& from, const std::string& target) {
   std::string up;
   for (size_t i = 4; i < from.size(); ++i)
     if (from[i] == '/') up += "../";
-  return up + "../" + target.substr(5);
+  return up + target.substr(5);
 }
 
 }  // namespace

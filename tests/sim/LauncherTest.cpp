@@ -121,6 +121,24 @@ TEST_F(Launcher, TheWholeProcessTreeSharesTheCameras) {
   EXPECT_EQ(result.out, "1\n") << result.err;
 }
 
+// What a new user tries first: the V4L2 tools find, describe and stream the
+// camera, from a shell script's middle line.
+TEST_F(Launcher, V4l2ToolsFindDescribeAndStreamTheCamera) {
+  if (access("/usr/bin/v4l2-ctl", X_OK) != 0)
+    GTEST_SKIP() << "v4l2-ctl is not installed (apt-get install v4l-utils)";
+  const auto result =
+      launch({"--", "bash", "-c",
+              "v4l2-ctl --list-devices; "
+              "v4l2-ctl -d /dev/video0 --all | grep -E 'Bus info|Width/Height'; "
+              "v4l2-ctl -d /dev/video0 --stream-mmap --stream-count=10 && echo streamed; true"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out.rfind("Emu Camera (usb-vhci_hcd.0-1):\n\t/dev/video0\n\t/dev/video1\n", 0), 0u)
+      << result.out;
+  EXPECT_NE(result.out.find("Bus info         : usb-vhci_hcd.0-1\n"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("Width/Height      : 1280/960\n"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("streamed\n"), std::string::npos) << result.out << result.err;
+}
+
 // plug, unplug, replug and fault reach a running launcher from outside.
 TEST_F(Launcher, CommandsFromOutsideActOnTheRunningCameras) {
   // Each step waits (bounded) for what the next command changes.

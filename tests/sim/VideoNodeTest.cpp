@@ -1,0 +1,276 @@
+// The emulated video node through plain open/ioctl/poll/close and sysfs, as
+// V4L2 tools (v4l2-ctl, v4l2-compliance) use it and uvcvideo answers.
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/hidraw.h>
+#include <linux/videodev2.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <tqsim/VideoStatus.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <tuple>
+
+#include "SimTestUtil.h"
+
+namespace {
+
+class VideoNode : public simtest::SimTest {
+ protected:
+  void TearDown() override {
+    for (int fd : fds_) close(fd);
+    SimTest::TearDown();
+  }
+  int openNode(const char* path, int flags = O_RDWR) {
+    const int fd = open(path, flags);
+    EXPECT_GE(fd, 0) << path << ": " << strerror(errno);
+    if (fd >= 0) fds_.push_back(fd);
+    return fd;
+  }
+  void forget(int fd) { fds_.erase(std::remove(fds_.begin(), fds_.end(), fd), fds_.end()); }
+
+  std::vector<int> fds_;
+};
+
+v4l2_format captureFormat(uint32_t width, uint32_t height) {
+  v4l2_format fmt{};
+  fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  fmt.fmt.pix.width = width;
+  fmt.fmt.pix.height = height;
+  fmt.fmt.pix.pixelformat = V4L2_PIX_FMT_YUYV;
+  return fmt;
+}
+
+void startStreaming(int fd, uint32_t buffers) {
+  v4l2_requestbuffers req{};
+  req.count = buffers;
+  req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  req.memory = V4L2_MEMORY_MMAP;
+  ASSERT_EQ(ioctl(fd, VIDIOC_REQBUFS, &req), 0) << strerror(errno);
+  for (uint32_t i = 0; i < buffers; ++i) {
+    v4l2_buffer buf{};
+    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buf.memory = V4L2_MEMORY_MMAP;
+    buf.index = i;
+    ASSERT_EQ(ioctl(fd, VIDIOC_QBUF, &buf), 0) << strerror(errno);
+  }
+  int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  ASSERT_EQ(ioctl(fd, VIDIOC_STREAMON, &type), 0) << strerror(errno);
+}
+
+std::string fileText(const std::string& path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+TEST_F(VideoNode, PlainCallsReachTheNodeAndBusInfoNamesTheCamerasPort) {
+  plug(tqsim::defaultCameraConfig());
+  tqsim::CameraConfig second = tqsim::defaultCameraConfig();
+  second.hidrawNumber = 1;
+  second.videoNumber = 2;
+  second.metadataVideoNumber = 3;
+  plug(second);
+
+  for (const auto& [video, hidraw, port] :
+       {std::tuple{"/dev/video0", "/dev/hidraw0", "1"}, std::tuple{"/dev/video2", "/dev/hidraw1", "2"}}) {
+    SCOPED_TRACE(video);
+    const int fd = openNode(video);
+    v4l2_capability cap{};
+    ASSERT_EQ(ioctl(fd, VIDIOC_QUERYCAP, &cap), 0);
+    const std::string bus = reinterpret_cast<const char*>(cap.bus_info);
+    EXPECT_EQ(bus, std::string("usb-vhci_hcd.0-") + port);
+    // The hidraw node of the same camera sits on the same USB device.
+    const int hid = openNode(hidraw);
+    char phys[64] = {};
+    ASSERT_GT(ioctl(hid, HIDIOCGRAWPHYS(sizeof phys), phys), 0);
+    EXPECT_EQ(std::string(phys).rfind(bus + "/", 0), 0u) << phys;
+
+    struct stat st {};
+    ASSERT_EQ(fstat(fd, &st), 0);
+    EXPECT_TRUE(S_ISCHR(st.st_mode));
+    EXPECT_EQ(major(st.st_rdev), 81u);
+    char byte = 0;
+    EXPECT_EQ(read(fd, &byte, 1), -1) << "uvcvideo has no read()";
+    EXPECT_EQ(errno, EINVAL);
+  }
+}
+
+TEST_F(VideoNode, AnswersAsUvcvideoDoes) {
+  plug(tqsim::defaultCameraConfig());
+  const int fd = openNode("/dev/video0");
+
+  EXPECT_EQ(ioctl(fd, _IOC(_IOC_NONE, 'V', 0xFF, 0), nullptr), -1);
+  EXPECT_EQ(errno, ENOTTY);
+  EXPECT_EQ(ioctl(fd, VIDIOC_G_EXT_CTRLS, nullptr), -1) << "unknown before the argument is looked at";
+  EXPECT_EQ(errno, ENOTTY);
+
+  v4l2_frmsizeenum size{};
+  size.pixel_format = V4L2_PIX_FMT_YUYV;
+  size.reserved[0] = size.reserved[1] = 0xDEADBEEF;
+  ASSERT_EQ(ioctl(fd, VIDIOC_ENUM_FRAMESIZES, &size), 0);
+  EXPECT_EQ(size.reserved[0] | size.reserved[1], 0u) << "reserved fields are zeroed";
+
+  v4l2_input input{};
+  ASSERT_EQ(ioctl(fd, VIDIOC_ENUMINPUT, &input), 0);
+  EXPECT_EQ(input.type, static_cast<uint32_t>(V4L2_INPUT_TYPE_CAMERA));
+  input.index = 1;
+  EXPECT_EQ(ioctl(fd, VIDIOC_ENUMINPUT, &input), -1);
+  int index = 5;
+  ASSERT_EQ(ioctl(fd, VIDIOC_G_INPUT, &index), 0);
+  EXPECT_EQ(index, 0);
+  index = 1;
+  EXPECT_EQ(ioctl(fd, VIDIOC_S_INPUT, &index), -1);
+
+  // Sizes: the nearest listed one, as S_FMT and TRY_FMT answer.
+  const struct {
+    uint32_t w, h, expectW, expectH;
+  } sizes[] = {{700, 500, 640, 480}, {10000, 10000, 1280, 960}, {1, 1, 320, 240}, {1280, 960, 1280, 960}};
+  for (const auto& s : sizes) {
+    SCOPED_TRACE(std::to_string(s.w) + "x" + std::to_string(s.h));
+    v4l2_format tried = captureFormat(s.w, s.h);
+    ASSERT_EQ(ioctl(fd, VIDIOC_TRY_FMT, &tried), 0);
+    EXPECT_EQ(tried.fmt.pix.width, s.expectW);
+    EXPECT_EQ(tried.fmt.pix.height, s.expectH);
+    v4l2_format set = captureFormat(s.w, s.h);
+    ASSERT_EQ(ioctl(fd, VIDIOC_S_FMT, &set), 0);
+    EXPECT_EQ(set.fmt.pix.width, s.expectW);
+    EXPECT_EQ(set.fmt.pix.sizeimage, s.expectW * s.expectH * 2);
+  }
+
+  // Intervals: the nearest listed one; none while streaming.
+  const struct {
+    uint32_t numerator, denominator, expect;
+  } rates[] = {{1, 25, 30}, {1, 10, 15}, {1, 1000, 30}, {0, 0, 15}};
+  for (const auto& r : rates) {
+    SCOPED_TRACE(std::to_string(r.numerator) + "/" + std::to_string(r.denominator));
+    v4l2_streamparm parm{};
+    parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    parm.parm.capture.timeperframe = {r.numerator, r.denominator};
+    ASSERT_EQ(ioctl(fd, VIDIOC_S_PARM, &parm), 0);
+    EXPECT_EQ(parm.parm.capture.timeperframe.denominator, r.expect);
+  }
+  startStreaming(fd, 2);
+  v4l2_streamparm parm{};
+  parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  parm.parm.capture.timeperframe = {1, 30};
+  EXPECT_EQ(ioctl(fd, VIDIOC_S_PARM, &parm), -1);
+  EXPECT_EQ(errno, EBUSY);
+}
+
+TEST_F(VideoNode, StepwiseSizesAreClampedAndAligned) {
+  tqsim::CameraConfig config = tqsim::defaultCameraConfig();
+  config.video.sizeKind = tqsim::SizeKind::Stepwise;
+  plug(config);
+  const int fd = openNode("/dev/video0");
+  const struct {
+    uint32_t w, h, expectW, expectH;
+  } sizes[] = {{100, 100, 320, 240}, {99999, 99999, 1280, 960}, {1000, 700, 1008, 704}};
+  for (const auto& s : sizes) {
+    SCOPED_TRACE(std::to_string(s.w) + "x" + std::to_string(s.h));
+    v4l2_format fmt = captureFormat(s.w, s.h);
+    ASSERT_EQ(ioctl(fd, VIDIOC_S_FMT, &fmt), 0);
+    EXPECT_EQ(fmt.fmt.pix.width, s.expectW);
+    EXPECT_EQ(fmt.fmt.pix.height, s.expectH);
+  }
+}
+
+// One node, several descriptors: one format, one buffer owner, priorities.
+TEST_F(VideoNode, DescriptorsShareTheNodeAsWithADriver) {
+  plug(tqsim::defaultCameraConfig());
+  const int a = openNode("/dev/video0");
+  const int b = openNode("/dev/video0");
+  v4l2_format fmt = captureFormat(320, 240);
+  ASSERT_EQ(ioctl(a, VIDIOC_S_FMT, &fmt), 0);
+  v4l2_format seen{};
+  seen.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  ASSERT_EQ(ioctl(b, VIDIOC_G_FMT, &seen), 0);
+  EXPECT_EQ(seen.fmt.pix.width, 320u);
+
+  v4l2_requestbuffers req{};
+  req.count = 2;
+  req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  req.memory = V4L2_MEMORY_MMAP;
+  ASSERT_EQ(ioctl(a, VIDIOC_REQBUFS, &req), 0);
+  EXPECT_EQ(ioctl(b, VIDIOC_REQBUFS, &req), -1);
+  EXPECT_EQ(errno, EBUSY);
+  req.count = 0;
+  ASSERT_EQ(ioctl(a, VIDIOC_REQBUFS, &req), 0);
+
+  uint32_t priority = V4L2_PRIORITY_RECORD;
+  ASSERT_EQ(ioctl(a, VIDIOC_S_PRIORITY, &priority), 0);
+  ASSERT_EQ(ioctl(b, VIDIOC_G_PRIORITY, &priority), 0);
+  EXPECT_EQ(priority, static_cast<uint32_t>(V4L2_PRIORITY_RECORD));
+  EXPECT_EQ(ioctl(b, VIDIOC_S_FMT, &fmt), -1);
+  EXPECT_EQ(errno, EBUSY);
+  close(a);
+  forget(a);
+  EXPECT_EQ(ioctl(b, VIDIOC_S_FMT, &fmt), 0) << "the record priority left with its descriptor";
+}
+
+TEST_F(VideoNode, WaitsBehaveAsTheDriversDo) {
+  const tqsim::CameraId id = plug(tqsim::defaultCameraConfig());
+  const int fd = openNode("/dev/video0");
+  pollfd p{fd, POLLIN, 0};
+  ASSERT_EQ(poll(&p, 1, 5000), 1) << "no wait before STREAMON";
+  EXPECT_EQ(p.revents, POLLERR);
+
+  startStreaming(fd, 2);
+  v4l2_buffer buf{};
+  buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  buf.memory = V4L2_MEMORY_MMAP;
+  // A blocking descriptor waits for the frame instead of answering EAGAIN.
+  ASSERT_EQ(ioctl(fd, VIDIOC_DQBUF, &buf), 0) << strerror(errno);
+  EXPECT_EQ(buf.sequence, 0u);
+
+  // A plain close ends the stream: nothing writes to the number afterwards.
+  close(fd);
+  forget(fd);
+  EXPECT_EQ(tqsim::openVideoNodes(id), 0);
+  const int reused = memfd_create("reused", MFD_CLOEXEC);
+  ASSERT_GE(reused, 0);
+  struct stat st {};
+  ASSERT_EQ(fstat(reused, &st), 0);
+  EXPECT_EQ(st.st_size, 0);
+  close(reused);
+}
+
+TEST_F(VideoNode, SysfsAndDevShowTheNodesAsTheKernelDoes) {
+  plug(tqsim::defaultCameraConfig());
+  char link[256] = {};
+  ASSERT_GT(readlink("/sys/dev/char/81:0", link, sizeof link - 1), 0);
+  EXPECT_STREQ(link, "../../devices/platform/vhci_hcd.0/usb1/1-1/1-1:1.0/video4linux/video0");
+  char* real = realpath("/sys/class/video4linux/video1", nullptr);
+  ASSERT_NE(real, nullptr);
+  EXPECT_STREQ(real, "/sys/devices/platform/vhci_hcd.0/usb1/1-1/1-1:1.0/video4linux/video1");
+  free(real);
+
+  EXPECT_EQ(fileText("/sys/dev/char/81:0/uevent"), "MAJOR=81\nMINOR=0\nDEVNAME=video0\n");
+  EXPECT_EQ(fileText("/sys/class/video4linux/video0/name"), "Emu Camera\n");
+  EXPECT_EQ(fileText("/sys/class/video4linux/video1/index"), "1\n");
+  EXPECT_NE(fileText("/sys/class/video4linux/video0/device/uevent").find("DRIVER=uvcvideo\n"),
+            std::string::npos);
+  struct stat st {};
+  EXPECT_EQ(stat("/sys/class/video4linux/video0", &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  EXPECT_EQ(stat("/sys/class/video4linux/video7", &st), -1);
+
+  std::set<std::string> names;
+  DIR* dev = opendir("/dev");
+  ASSERT_NE(dev, nullptr);
+  while (const dirent* entry = readdir(dev)) names.insert(entry->d_name);
+  closedir(dev);
+  for (const char* node : {"hidraw0", "video0", "video1"}) EXPECT_EQ(names.count(node), 1u) << node;
+}
+
+}  // namespace
