@@ -500,8 +500,9 @@ ssize_t readlink(const char* path, char* buffer, size_t size) noexcept {
         errno = EINVAL;
         return -1;
       }
+      // As readlink(2): no terminator.
       const size_t count = std::min(size, entry.content.size());
-      std::memcpy(buffer, entry.content.data(), count);
+      std::copy_n(entry.content.begin(), count, buffer);
       return static_cast<ssize_t>(count);
     }
   }

@@ -247,9 +247,10 @@ class Server {
         }
         std::string text;
         reply.result = emulation.control(words, text);
-        text.resize(std::min(text.size(), kMaxPayload));
-        std::memcpy(out, text.data(), text.size());
-        reply.size = static_cast<uint32_t>(text.size());
+        // Text, not a C string: the reply carries its length.
+        const size_t length = std::min(text.size(), kMaxPayload);
+        std::copy_n(text.begin(), length, out);
+        reply.size = static_cast<uint32_t>(length);
         return;
       }
     }
