@@ -329,6 +329,7 @@ OpenedNode Emulation::openNode(const char* path, int flags, int owner, bool& han
   opened.node = nextNode_++;
   opened.kind = name.kind;
   opened.camera = entry->camera->id();
+  if (node.video) opened.pollBits = node.video->pollBits();
   nodes_.emplace(opened.node, std::move(node));
   return opened;
 }

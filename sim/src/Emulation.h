@@ -58,6 +58,8 @@ struct OpenedNode {
   NodeKind kind = NodeKind::None;
   int fd = -1;  // the caller's descriptor, owned by the caller
   CameraId camera = kNoCamera;
+  // Video: the node's poll bits, valid until closeNode (see VideoStream).
+  const std::atomic<int>* pollBits = nullptr;
 };
 
 class Emulation {

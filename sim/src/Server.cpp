@@ -52,7 +52,7 @@ class Server {
     ::unlink(path.c_str());
     if (::bind(fd, reinterpret_cast<sockaddr*>(&where), sizeof where) != 0 || ::listen(fd, 64) != 0) {
       if (error) *error = path + ": " + std::strerror(errno);
-      real::close(fd);
+      ::close(fd);
       return false;
     }
     stopFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -81,11 +81,11 @@ class Server {
     }
     for (Connection& c : connections) {
       if (c.thread.joinable()) c.thread.join();
-      real::close(c.fd);
+      ::close(c.fd);
     }
     std::lock_guard<std::mutex> lock(mutex_);
-    real::close(listener_);
-    real::close(stopFd_);
+    ::close(listener_);
+    ::close(stopFd_);
     listener_ = -1;
     stopFd_ = -1;
     ::unlink(path_.c_str());
@@ -108,7 +108,7 @@ class Server {
       try {
         c.thread = std::thread([this, fd, owner = c.owner] { serve(fd, owner); });
       } catch (...) {
-        real::close(fd);
+        ::close(fd);
         connections_.pop_back();
       }
     }
@@ -119,7 +119,7 @@ class Server {
     for (auto it = connections_.begin(); it != connections_.end();) {
       if (finished_.count(it->owner) != 0) {
         it->thread.join();
-        real::close(it->fd);
+        ::close(it->fd);
         finished_.erase(it->owner);
         it = connections_.erase(it);
       } else {
@@ -159,7 +159,7 @@ class Server {
         std::memcpy(CMSG_DATA(c), &passFd, sizeof passFd);
       }
       const ssize_t sent = ::sendmsg(fd, &message, MSG_NOSIGNAL);
-      if (passFd >= 0) real::close(passFd);
+      if (passFd >= 0) ::close(passFd);
       if (sent < 0) break;
     }
     Emulation::instance().closeOwner(owner);

@@ -160,7 +160,7 @@ int openFile(const Entry& entry, int flags) {
     const ssize_t n = real::write(fd, entry.content.data() + done, entry.content.size() - done);
     if (n <= 0) {
       const int error = errno;
-      real::close(fd);
+      ::close(fd);
       errno = error;
       return -1;
     }

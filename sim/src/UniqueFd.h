@@ -1,6 +1,8 @@
 // Owns one descriptor; closes it through the real close, never our interposer.
 #pragma once
 
+#include <unistd.h>
+
 #include <utility>
 
 #include "RealCalls.h"
@@ -24,7 +26,7 @@ class UniqueFd {
   bool valid() const { return fd_ >= 0; }
   int release() { return std::exchange(fd_, -1); }
   void reset(int fd = -1) {
-    if (fd_ >= 0) real::close(fd_);
+    if (fd_ >= 0) ::close(fd_);
     fd_ = fd;
   }
 

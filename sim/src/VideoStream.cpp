@@ -87,7 +87,7 @@ VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, std::
 VideoStream::~VideoStream() {
   shared().change(nodeKey(), priority_, V4L2_PRIORITY_UNSET);
   shutdown();
-  real::close(eventFd_);
+  ::close(eventFd_);
 }
 
 void VideoStream::shutdown() {
@@ -95,12 +95,14 @@ void VideoStream::shutdown() {
   std::unique_lock<std::mutex> lock(mutex_);
   stopProducer(lock);
   streaming_ = false;
+  if (!broken_) pollBits_.store(POLLERR, std::memory_order_release);
   releaseBuffersLocked();
 }
 
 bool VideoStream::breakStream() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (broken_.exchange(true)) return false;
+  pollBits_.store(POLLERR | POLLHUP | POLLPRI, std::memory_order_release);
   // Wake a select that waits on the descriptor; the select wrapper then sees
   // the broken stream and reports the error.
   uint64_t one = 1;
@@ -566,12 +568,12 @@ int VideoStream::reqbufs(v4l2_requestbuffers* req) {
   const size_t stride = pageAligned(sizeImage_);
   const size_t total = stride * count;
   if (ftruncate(fd, static_cast<off_t>(total)) != 0) {
-    real::close(fd);
+    ::close(fd);
     return ENOMEM;
   }
   void* memory = ::mmap(nullptr, total, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (memory == MAP_FAILED) {
-    real::close(fd);
+    ::close(fd);
     return ENOMEM;
   }
   memFd_ = fd;
@@ -600,11 +602,8 @@ bool VideoStream::lost() const { return !camera_->plugged() || camera_->config()
 
 int VideoStream::pollState() {
   if (lost()) breakStream();
-  std::lock_guard<std::mutex> lock(mutex_);
   // A disconnected node: error, hang-up and an exceptional condition.
-  if (broken_) return POLLERR | POLLHUP | POLLPRI;
-  if (!streaming_) return POLLERR;
-  return 0;
+  return pollBits_.load(std::memory_order_acquire);
 }
 
 void VideoStream::fillBufferInfoLocked(uint32_t index, v4l2_buffer* buf) const {
@@ -679,6 +678,7 @@ int VideoStream::streamOn(const int* type) {
   if (states_.empty()) return EINVAL;
   if (streaming_) return 0;
   streaming_ = true;
+  if (!broken_) pollBits_.store(0, std::memory_order_release);
   sequence_ = 0;
   stopProducer_ = false;
   // The metadata node carries no payload here: it streams, but nothing arrives.
@@ -692,6 +692,7 @@ int VideoStream::streamOff(const int* type) {
   std::unique_lock<std::mutex> lock(mutex_);
   stopProducer(lock);
   streaming_ = false;
+  if (!broken_) pollBits_.store(POLLERR, std::memory_order_release);
   dropReadyFramesLocked();
   incoming_.clear();
   std::fill(states_.begin(), states_.end(), BufferState::Dequeued);
@@ -737,7 +738,7 @@ void VideoStream::releaseBuffersLocked() {
   memory_ = nullptr;
   memorySize_ = 0;
   bufferStride_ = 0;
-  if (memFd_ != -1) real::close(memFd_);
+  if (memFd_ != -1) ::close(memFd_);
   memFd_ = -1;
 }
 

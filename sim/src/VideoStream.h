@@ -6,6 +6,7 @@
 #pragma once
 
 #include <linux/videodev2.h>
+#include <poll.h>
 #include <tqsim/CameraConfig.h>
 #include <tqsim/Sim.h>
 
@@ -51,6 +52,9 @@ class VideoStream {
   // POLLERR before STREAMON, POLLERR | POLLHUP | POLLPRI once the node is gone
   // (unplug, or the selectFails fault: the driver lost the device), else 0.
   int pollState();
+  // The same, kept current without a lock: polls run inside a sanitizer's
+  // blocking-call region, where lock order is not seen.
+  const std::atomic<int>* pollBits() const { return &pollBits_; }
 
   // The node went away (unplug, or the select fault): every later ioctl fails
   // with ENODEV and select on the descriptor reports EBADF. Wakes a select
@@ -161,6 +165,7 @@ class VideoStream {
   std::deque<DoneFrame> done_;
 
   bool streaming_ = false;
+  std::atomic<int> pollBits_{POLLERR};
   bool stopProducer_ = false;
   std::thread producer_;
   uint32_t sequence_ = 0;
