@@ -18,18 +18,14 @@
 #include <vector>
 
 #include "FuzzSupport.h"
-#include "hid/DecodeError.h"
+#include "hid/HidProtocol.h"
 #include "hid/Vexa_HID.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kReportBytes = 64;
-constexpr uint8_t kAnswerReport = 1;
-constexpr uint8_t kEventReport = 2;
-constexpr uint8_t kRead = 0x5C;
-constexpr uint8_t kWrite = 0x5D;
+constexpr int kReportBytes = static_cast<int>(hidproto::kInputReportSize);
 constexpr int kMaxSteps = 8;
 constexpr int kMaxReports = 6;
 constexpr int kMaxXml = 3 * 1024 + 100;  // up to four chunks
@@ -119,15 +115,17 @@ bool awaitRequest(size_t count, const std::atomic<bool>& done) {
 
 // The result a register command must give for the first answer it got.
 void checkRegisterAnswer(const Step& s, const std::vector<uint8_t>& answer, const Outcome& out) {
-  const uint8_t expectedId = s.command == Command::GetInt32 ? kRead : kWrite;
-  int want = 0;
-  if (answer[1] != expectedId)
-    want = HID_ERROR_PROTOCOL_WRONG_ID;
-  else if (answer[2] != 0)
-    want = answer[2];
+  const uint8_t expectedId = s.command == Command::GetInt32 ? hidproto::kCmdRead : hidproto::kCmdWrite;
+  const uint8_t status = answer[hidproto::kAnswerStatusOffset];
+  int want = hidproto::kStatusSuccess;
+  if (answer[hidproto::kAnswerEchoOffset] != expectedId)
+    want = hidproto::kErrorWrongId;
+  else if (status != 0)
+    want = status;
   if (out.result != want) fuzz::fail("register command result does not match its answer");
-  if (want == 0 && s.command == Command::GetInt32) {
-    const uint32_t v = answer[5] | answer[6] << 8 | answer[7] << 16 | static_cast<uint32_t>(answer[8]) << 24;
+  if (want == hidproto::kStatusSuccess && s.command == Command::GetInt32) {
+    const uint8_t* b = &answer[hidproto::kRegisterPayloadOffset + hidproto::kRegisterValueOffset];
+    const uint32_t v = b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
     if (out.value != v) fuzz::fail("GetInt32 value is not the answer's");
   }
 }
@@ -146,18 +144,18 @@ void runStep(Vexa_HID& hid, const Step& s) {
   for (const auto& report : s.reports) {
     if (!awaitRequest(requests, done)) break;
     hid.ReceiveCallbackHid(report.data());
-    if (report[0] == kAnswerReport) {
+    if (report[0] == hidproto::kReportCommand) {
       if (firstAnswer == nullptr) firstAnswer = &report;
       ++requests;
-    } else if (report[0] == kEventReport) {
-      uint8_t event[12];
+    } else if (report[0] == hidproto::kReportEvent) {
+      uint8_t event[hidproto::kEventSize];
       hid.LastEvent(event);
       if (std::memcmp(event, report.data(), sizeof event) != 0) fuzz::fail("event not kept");
     }
   }
   std::vector<uint8_t> wake(kReportBytes, 0);
-  wake[0] = kAnswerReport;
-  wake[1] = 0xFF;  // no command has this code: a wrong-id answer
+  wake[0] = hidproto::kReportCommand;
+  wake[hidproto::kAnswerEchoOffset] = 0xFF;  // no command has this code: a wrong-id answer
   std::vector<uint8_t> fallback = wake;
   while (awaitRequest(requests, done)) {
     hid.ReceiveCallbackHid(wake.data());

@@ -1,5 +1,8 @@
 #include "control/VexaHID_Interface.h"
 
+#include <algorithm>
+#include <mutex>
+
 #include "hid/DecodeError.h"
 #include "support/LibLogs.h"
 
@@ -11,6 +14,8 @@ int32_t indexCamAbs = 0;
 int32_t nrCam = 0;
 
 namespace {
+
+std::mutex listFormatsLock;  // guards listFormats
 
 constexpr uint16_t kVendorId = 0x7A3D;
 constexpr uint16_t kProductId = 0x0203;
@@ -202,10 +207,17 @@ int TqUvcOpenUvcDevice(int index) {
   LIBLog.Debug("TqUvcOpenUvcDevice:: OpenStreaming\n");
   if (vexa_ucv == nullptr) return kNotOpened;
   int formatCount = 0;
-  const int status = vexa_ucv->OpenStreaming(narrow(index), path, listFormats, &formatCount);
+  _Formats formats[LIST_MAX_NUM + 1] = {};
+  const int status = vexa_ucv->OpenStreaming(narrow(index), path, formats, &formatCount);
   if (status != 0) {
     LIBLog.Error("TqUvcOpenUvcDevice:: OpenStreaming error = %s\n", DecodeError(status).c_str());
     return status;
+  }
+  {
+    // Cameras are opened from their own threads; the shared record takes one
+    // list at a time (the entries the listing wrote, as before).
+    std::lock_guard<std::mutex> lock(listFormatsLock);
+    std::copy(formats, formats + std::clamp(formatCount, 0, LIST_MAX_NUM + 1), listFormats);
   }
   if (!outsideTable(index)) IsOpen[index] = 1;
   return 0;

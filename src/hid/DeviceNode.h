@@ -20,9 +20,10 @@ struct DeviceNode {
   std::string sManufacturer;
   std::string sProduct;
   std::string sIdentity;  // serial-videopath-hidrawpath: recognises a camera again
-  // Open hidraw device while attached (KOR_HID_Open .. KOR_HID_Close). Records
-  // are moved, never copied, so exactly one record owns it.
-  std::unique_ptr<cHid> pHid;
+  // Open hidraw device while attached (KOR_HID_Open .. KOR_HID_Close). Shared
+  // and swapped atomically: a register thread still writing through it keeps
+  // it alive while another thread disconnects the camera.
+  std::shared_ptr<cHid> pHid;
 };
 
 // Never shrinks: a camera index, once handed out, stays valid for the process.

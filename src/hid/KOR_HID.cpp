@@ -7,9 +7,9 @@ namespace {
 
 DeviceNode* record(uint8_t cam) { return cam < DevicePool.size() ? &DevicePool[cam] : nullptr; }
 
-cHid* device(uint8_t cam) {
+std::shared_ptr<cHid> device(uint8_t cam) {
   DeviceNode* node = record(cam);
-  return node != nullptr ? node->pHid.get() : nullptr;
+  return node != nullptr ? std::atomic_load(&node->pHid) : nullptr;
 }
 
 int32_t copyString(uint8_t cam, std::string DeviceNode::*field, char* buf, int32_t len) {
@@ -36,8 +36,9 @@ int32_t KOR_HID_IsLinked(uint8_t cam) {
 
 bool KOR_HID_IsOpen(uint8_t cam) {
   DeviceNode* node = record(cam);
-  if (node == nullptr || node->bLinked == 0 || !node->pHid) return false;
-  return node->pHid->IsOpen();
+  if (node == nullptr || node->bLinked == 0) return false;
+  const std::shared_ptr<cHid> hid = std::atomic_load(&node->pHid);
+  return hid && hid->IsOpen();
 }
 
 int32_t KOR_HID_GetSerialNumber(uint8_t cam, char* buf, int32_t len) {
@@ -63,33 +64,37 @@ int32_t KOR_HID_GetProduct(uint8_t cam, char* buf, int32_t len) {
 uint8_t KOR_HID_Open(uint8_t cam) {
   DeviceNode* node = record(cam);
   if (node == nullptr) return 0;
-  if (!node->pHid) node->pHid = std::make_unique<cHid>(cam);
-  return static_cast<uint8_t>(node->pHid->_open(node->sHidPath));
+  std::shared_ptr<cHid> hid = std::atomic_load(&node->pHid);
+  if (!hid) {
+    hid = std::make_shared<cHid>(cam);
+    std::atomic_store(&node->pHid, hid);
+  }
+  return static_cast<uint8_t>(hid->_open(node->sHidPath));
 }
 
 int32_t KOR_HID_Close(uint8_t cam) {
   DeviceNode* node = record(cam);
-  if (node == nullptr || !node->pHid) return 0;
-  node->pHid->_close();
-  node->pHid.reset();
+  if (node == nullptr) return 0;
+  const std::shared_ptr<cHid> hid = std::atomic_exchange(&node->pHid, std::shared_ptr<cHid>());
+  if (hid) hid->_close();
   return 0;
 }
 
 int32_t KOR_HID_SetCallbackHid(uint8_t cam, cHidCallback fn, void* ctx) {
-  cHid* hid = device(cam);
+  const std::shared_ptr<cHid> hid = device(cam);
   if (hid == nullptr) return 1;
   hid->setCallback(fn, ctx);
   return 0;
 }
 
 int32_t KOR_HID_Report(uint8_t cam, uint8_t reportId, uint8_t cmd, const uint8_t* data, uint8_t len) {
-  cHid* hid = device(cam);
+  const std::shared_ptr<cHid> hid = device(cam);
   if (hid == nullptr) return 1;
   return hid->hidReport(reportId, cmd, data, len);
 }
 
 int32_t KOR_HID_FeatureRd(uint8_t cam, uint8_t reportId, uint8_t* buf, uint16_t len) {
-  cHid* hid = device(cam);
+  const std::shared_ptr<cHid> hid = device(cam);
   if (hid == nullptr) return 1;
   return hid->hidFeatureRd(reportId, buf, len);
 }

@@ -100,12 +100,12 @@ void cHid::Node::run() {
 cHid::cHid(unsigned char index) : nIndex(index) {}
 
 cHid::~cHid() {
-  if (node_ || thread != 0) _close();
+  if (std::atomic_load(&node_) || thread != 0) _close();
 }
 
 int cHid::_open(const std::string& path) {
   // Opening twice would orphan the first descriptor and reader thread.
-  if (node_ || thread != 0) _close();
+  if (std::atomic_load(&node_) || thread != 0) _close();
 
   UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
   if (!fd.valid()) {
@@ -115,7 +115,7 @@ int cHid::_open(const std::string& path) {
   auto node = std::make_shared<Node>();
   node->fd = std::move(fd);
   node->wake = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  node_ = node;
+  std::atomic_store(&node_, node);
 
   // The thread gets its own share of the node state and drops it when it ends.
   auto* share = new std::shared_ptr<Node>(std::move(node));
@@ -131,7 +131,7 @@ int cHid::_open(const std::string& path) {
 }
 
 void cHid::_close() {
-  std::shared_ptr<Node> node = std::move(node_);
+  std::shared_ptr<Node> node = std::atomic_exchange(&node_, std::shared_ptr<Node>());
   if (thread != 0) {
     if (node) {
       node->stop = true;
@@ -159,17 +159,24 @@ void cHid::_close() {
 
 bool cHid::IsOpen() const { return descriptor() > 0; }
 
-int cHid::descriptor() const { return node_ ? node_->fd.get() : -1; }
+int cHid::descriptor() const {
+  const std::shared_ptr<Node> node = std::atomic_load(&node_);
+  return node ? node->fd.get() : -1;
+}
 
 void cHid::setCallback(cHidCallback fn, void* ctx) {
-  if (!node_) return;
-  std::lock_guard<std::mutex> guard(node_->callbackLock);
-  node_->callback = fn;
-  node_->callbackCtx = ctx;
+  const std::shared_ptr<Node> node = std::atomic_load(&node_);
+  if (!node) return;
+  std::lock_guard<std::mutex> guard(node->callbackLock);
+  node->callback = fn;
+  node->callbackCtx = ctx;
 }
 
 int cHid::hidReport(uint8_t reportId, uint8_t cmd, const uint8_t* data, uint8_t len) {
-  const int fd = descriptor();
+  // The local reference keeps the descriptor open (and its number ours) even
+  // if another thread closes the device meanwhile.
+  const std::shared_ptr<Node> node = std::atomic_load(&node_);
+  const int fd = node ? node->fd.get() : -1;
   if (fd < 0) return fd;
   // The write buffer holds 254 data bytes after the id and command.
   if (len > kMaxReportData) len = kMaxReportData;
@@ -185,7 +192,8 @@ int cHid::hidReport(uint8_t reportId, uint8_t cmd, const uint8_t* data, uint8_t 
 }
 
 int cHid::hidFeatureRd(uint8_t reportId, uint8_t* buf, uint16_t len) {
-  const int fd = descriptor();
+  const std::shared_ptr<Node> node = std::atomic_load(&node_);
+  const int fd = node ? node->fd.get() : -1;
   if (fd < 0) return fd;
   uint8_t buffer[hidproto::kFeatureReportSize] = {};
   buffer[0] = reportId;
@@ -199,8 +207,9 @@ int cHid::hidFeatureRd(uint8_t reportId, uint8_t* buf, uint16_t len) {
 }
 
 unsigned int cHid::read_report(uint8_t* buf) {
-  if (!node_) return static_cast<unsigned int>(-1);
-  return node_->read(buf);
+  const std::shared_ptr<Node> node = std::atomic_load(&node_);
+  if (!node) return static_cast<unsigned int>(-1);
+  return node->read(buf);
 }
 
 void* cHid::cHidThreadRoutineStatic(void* arg) {

@@ -1,5 +1,7 @@
 #include "stream/TqUvcStrmChan.h"
 
+#include <pthread.h>
+
 #include <cstdint>
 
 #include "control/TqUvcCtrlChan.h"
@@ -37,6 +39,29 @@ thread_local TqUvcStrmHandler* stoppedUnderFrame = nullptr;
 
 }  // namespace
 
+class TqUvcStrmChan::Joining {
+ public:
+  explicit Joining(TqUvcStrmChan& chan) : chan_(chan) { chan_.joiners.fetch_add(1); }
+  ~Joining() { chan_.joiners.fetch_sub(1); }
+  Joining(const Joining&) = delete;
+  Joining& operator=(const Joining&) = delete;
+
+ private:
+  TqUvcStrmChan& chan_;
+};
+
+bool TqUvcStrmChan::enterStrmLock() {
+  if (!deliveringFrame) {
+    RkOsEnterCriticalSection(&strmLock);
+    return true;
+  }
+  for (;;) {
+    if (pthread_mutex_trylock(&strmLock.mutex) == 0) return true;
+    if (joiners.load() != 0) return false;
+    RkOsSleep(1);
+  }
+}
+
 TqUvcStrmChan::TqUvcStrmChan(TqUvcDevice* owner)
     : TqUvcChannel(owner),
       dataCallback(nullptr),
@@ -62,7 +87,8 @@ TqUvcStrmChan::TqUvcStrmChan(TqUvcDevice* owner)
       handlerUsers(0),
       dmaMutex{},
       dmaOwner(std::thread::id()),
-      dmaDepth(0) {
+      dmaDepth(0),
+      joiners(0) {
   RkOsInitializeCriticalSection(&strmLock, "UVC:StrmLock");
   RkOsInitializeCriticalSection(&dmaMutex, "UVC:Dma");
 }
@@ -126,14 +152,26 @@ uint32_t TqUvcStrmChan::Open(uint32_t, uint32_t) {
 uint32_t TqUvcStrmChan::Close() {
   rk::CLog& l = log();
   uint32_t result = 0;
-  {
-    CriticalSectionLock lock(strmLock);
+  if (!enterStrmLock()) {
+    // From the data callback while another thread stops or closes this
+    // stream: that thread is joining us, so refuse rather than wait.
+    result = kError;
+  } else {
+    Joining joining(*this);
     if (opened == 0) {
       l.Trace("TqUvcStrmChan::Close: stream channel already closed, skip close");
     } else if (device == nullptr || !TqUvcIsAvailableUvcDevice(camera())) {
       result = kError;
     } else if (!TqUvcIsOpenUvcDevice(camera())) {
       l.Trace("TqUvcStrmChan::Close: UvcDevice already closed, skip close");
+      // The UVC open failed at Open (node gone or moved). Kept opened, the
+      // channel could never be opened again, and the capture object that
+      // open left in the table would stay with it: finish the close.
+      const int cam = camera();
+      TqUvcRegisterNewBufferCallback(cam, nullptr, nullptr);
+      TqUvcCloseUvcDevice(cam);
+      dataMemory.Destroy();
+      opened = 0;
     } else {
       const int cam = camera();
       l.Debug("TqUvcStrmChan::Close : unregister callback");
@@ -144,6 +182,7 @@ uint32_t TqUvcStrmChan::Close() {
       opened = 0;
       l.Info("TqUvcStrmChan::Close(): stream channel closed");
     }
+    RkOsLeaveCriticalSection(&strmLock);
   }
   l.Trace("TqUvcStrmChan::Close() [end]");
   return result;
@@ -257,7 +296,12 @@ uint32_t TqUvcStrmChan::StreamStart(uint32_t) {
       info.OffsetY = roiOffsetY;
 
       l.Debug("TqUvcStrmChan::StreamStart: start uvc aquisition");
-      TqUvcStartAcquisition(cam);
+      {
+        // A thread stopped from its callback may still be in it; the start
+        // joins it.
+        Joining joining(*this);
+        TqUvcStartAcquisition(cam);
+      }
       RkOsSleep(kStartSettleMs);
       started = 1;
       l.Debug("TqUvcStrmChan::StreamStart: stream channel started");
@@ -282,8 +326,14 @@ uint32_t TqUvcStrmChan::StreamStop(uint32_t arg) {
     return kError;
   }
   uint32_t result = 0;
-  {
-    CriticalSectionLock lock(strmLock);
+  if (!enterStrmLock()) {
+    // From the data callback while another thread stops, closes or restarts
+    // this stream and joins the capture thread: that stop comes first and
+    // ends the stream, so this one finds it stopped.
+    l.Trace("TqUvcStrmChan::StreamStop: stream already stopped");
+    result = kError;
+  } else {
+    Joining joining(*this);
     if (started.load() == 0) {
       l.Trace("TqUvcStrmChan::StreamStop: stream already stopped");
       result = kError;
@@ -309,6 +359,7 @@ uint32_t TqUvcStrmChan::StreamStop(uint32_t arg) {
       TqUvcDisableAcqHidDevice(cam);
       l.Debug("TqUvcStrmChan::StreamStop(): stream channel stopped");
     }
+    RkOsLeaveCriticalSection(&strmLock);
   }
   l.Trace("TqUvcStrmChan::StreamStop() [end]");
   return result;

@@ -87,6 +87,16 @@ class TqUvcStrmChan : public TqUvcChannel {
   // depth is touched only by that thread.
   std::atomic<std::thread::id> dmaOwner;
   uint32_t dmaDepth;
+  // Set while a thread holding strmLock may join the capture thread (a stop,
+  // a close, a start that joins a thread stopped from its callback).
+  std::atomic<uint32_t> joiners;
+
+  // Enters strmLock. On the capture thread (a stop or close from the data
+  // callback) it only tries, and gives up once the holder is joining: that
+  // join waits for this very thread. False when it gave up.
+  bool enterStrmLock();
+  // Marks the holder of strmLock as joining for one scope.
+  class Joining;
 
   // Takes the handler out of reach of the capture thread and the client calls
   // and hands it over for deletion once no frame and no call is inside it.

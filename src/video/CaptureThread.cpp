@@ -65,6 +65,12 @@ struct CaptureThread::Stream {
     buffers.clear();
     node.reset();
   }
+  // Once the thread is joined nothing waits on the wake descriptor any more;
+  // a capture object kept after its last stream holds no descriptor.
+  void releaseJoined() {
+    release();
+    wake.reset();
+  }
   void markEnded() {
     std::lock_guard<std::mutex> lock(endLock);
     ended = true;
@@ -470,7 +476,7 @@ int CaptureThread::close() {
   if (wasRunning) LIBLog.Debug("CaptureThread::close() pthread_join: done\n");
   stream_->running = false;
   // An early end leaves the node open and the buffers mapped.
-  stream_->release();
+  stream_->releaseJoined();
   return 0;
 }
 

@@ -173,6 +173,7 @@ TEST_F(cHidDevice, UnplugEndsTheReaderOnce) {
   ASSERT_EQ(KOR_HID_SetCallbackHid(cam, &Answers::callback, &answers), 0);
   ASSERT_EQ(KOR_HID_Report(cam, 1, 0x5C, kReadRegister, sizeof kReadRegister), 0);
   EXPECT_TRUE(answers.waitFor(1));
+  EXPECT_EQ(KOR_HID_Close(cam), 0);  // the reader calls into `answers`
 }
 
 // Closing (and deleting) the device from its own answer callback neither
@@ -200,6 +201,7 @@ TEST_F(cHidDevice, CloseFromTheAnswerCallback) {
   ASSERT_EQ(KOR_HID_SetCallbackHid(answers.cam, &Answers::callback, &answers), 0);
   ASSERT_EQ(KOR_HID_Report(answers.cam, 1, 0x5C, kReadRegister, sizeof kReadRegister), 0);
   EXPECT_TRUE(answers.waitFor(2));
+  EXPECT_EQ(KOR_HID_Close(answers.cam), 0);  // the reader calls into `answers`
 }
 
 }  // namespace

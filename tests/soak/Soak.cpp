@@ -689,6 +689,19 @@ void flapperThread(uint64_t seed) {
 // thread that made it.
 void connectRound(int slot) {
   std::lock_guard<std::mutex> lock(g_plugMutex);
+  // A camera unplugged or moved since its connect is disconnected before the
+  // rescan: a scan leaves a linked device on the camera record it linked
+  // with, and only a device whose link is down follows the camera to the
+  // record of its new node numbers. Reconnected without that, it would open
+  // the old video node.
+  for (int c = 0; c < kCameras; ++c) {
+    CameraState& cam = g_cameras[c];
+    const uint32_t epoch = cam.epoch.load();
+    if (!cam.connected || cam.connectedEpoch == epoch) continue;
+    cam.connected = false;
+    Busy busy(slot, Op::Disconnect);
+    account(c, {epoch, true}, TqUvcDisconnect(cam.handle), "TqUvcDisconnect");
+  }
   {
     Busy busy(slot, Op::Scan);
     TqUvcScanDevices(0, 0, 100);  // answers 0x8001 also after a good scan

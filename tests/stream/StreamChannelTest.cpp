@@ -1,11 +1,14 @@
 // The stream channel against the emulated camera: lock/notify protocol,
 // geometry from the camera's registers, the copy, the client's DMA mutex.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <tqsim/FramePattern.h>
 #include <tqsim/Sim.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <memory>
@@ -285,6 +288,119 @@ TEST_F(StreamChannelTest, DmaMutexCallsAreSafeAcrossStops) {
   chan_->StreamStop(0);
   EXPECT_EQ(log.count("", RKLOG_ERROR), 0u);  // e.g. "UVC:Dma" deleted while held
   EXPECT_EQ(chan_->Close(), 0u);
+}
+
+// Descriptors the process holds right now.
+size_t openDescriptors() {
+  size_t n = 0;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (readdir(dir) != nullptr) ++n;
+    closedir(dir);
+  }
+  return n;
+}
+
+// The camera moved to another video node after the scan: the channel's UVC
+// open fails on the old node. Closing must still end the channel, so that it
+// opens again once the path is right, and must not keep the capture object
+// (and the descriptors of its stream) that the failed open left behind.
+TEST_F(StreamChannelTest, AChannelWhoseVideoOpenFailedClosesAndOpensAgain) {
+  makeDevice({640, 480, 0, 0, 1280});
+  tqsim::CameraConfig config;
+  ASSERT_TRUE(tqsim::cameraConfig(tqsim::cameras().front(), config));
+  const int oldVideo = config.videoNumber;
+  const size_t before = openDescriptors();
+  ASSERT_TRUE(tqsim::modifyCamera(tqsim::cameras().front(), [&](tqsim::CameraConfig& c) {
+    c.videoNumber = oldVideo + 2;
+    c.metadataVideoNumber = oldVideo + 3;
+  }));
+  Client client(640 * 480 * 2);
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round);
+    tqtest::LogCapture log;
+    EXPECT_EQ(chan_->Open(0, 0), 0u);  // the UVC result is not the channel's
+    EXPECT_TRUE(log.contains("TqUvcOpenUvcDevice:: OpenStreaming error", RKLOG_ERROR));
+    EXPECT_EQ(TqUvcIsOpenUvcDevice(camera_), 0);
+    client.configure(chan_);
+    EXPECT_EQ(chan_->StreamStart(0), 0u);  // a capture thread that finds no node
+    EXPECT_EQ(chan_->StreamStop(0), 0u);
+    EXPECT_EQ(chan_->Close(), 0u);
+    EXPECT_EQ(log.countExact("TqUvcStrmChan::Close: UvcDevice already closed, skip close", RKLOG_TRACE), 1u);
+    EXPECT_EQ(capture_thread[camera_], nullptr);
+    EXPECT_EQ(openDescriptors(), before);
+  }
+  // Back on the node the pool knows: the same channel streams again.
+  ASSERT_TRUE(tqsim::modifyCamera(tqsim::cameras().front(), [&](tqsim::CameraConfig& c) {
+    c.videoNumber = oldVideo;
+    c.metadataVideoNumber = oldVideo + 1;
+  }));
+  tqtest::LogCapture log;
+  ASSERT_EQ(chan_->Open(0, 0), 0u);
+  EXPECT_EQ(TqUvcIsOpenUvcDevice(camera_), 1);
+  client.configure(chan_);
+  ASSERT_EQ(chan_->StreamStart(0), 0u);
+  EXPECT_TRUE(log.waitFor("TqUvcStrmSocketHandler::OnCallback: NotifyData()", 5s));
+  EXPECT_EQ(chan_->StreamStop(0), 0u);
+  EXPECT_EQ(chan_->Close(), 0u);
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+// The data callback stops (or closes) the stream while another thread is
+// stopping or closing it and therefore joining the capture thread: the
+// callback's call must not wait for that thread. The other call comes first,
+// so the callback's finds the stream stopped.
+TEST_F(StreamChannelTest, AStopFromTheCallbackDuringAnotherThreadsStopDoesNotDeadlock) {
+  struct Racer {
+    TqUvcStrmChan* chan = nullptr;
+    bool callbackCloses = false;
+    tqtest::LogCapture* log = nullptr;
+    std::atomic<bool> fired{false};
+    std::promise<void> inCallback;
+    std::atomic<uint32_t> result{0};
+    static void callback(uint32_t, uint32_t, void*, _tagTqUvcDataBlockInfo*, uint64_t context) {
+      auto* self = reinterpret_cast<Racer*>(context);
+      if (self->fired.exchange(true)) return;
+      self->inCallback.set_value();
+      // The other thread is in the capture object's close, holding the
+      // channel's lock and about to join this thread.
+      self->log->waitFor("CaptureThread::close()", 5s);
+      self->result = self->callbackCloses ? self->chan->Close() : self->chan->StreamStop(0);
+    }
+  };
+  makeDevice({640, 480, 0, 0, 1280});
+  Client client(640 * 480 * 2);
+  for (int round = 0; round < 8; ++round) {
+    const bool otherCloses = round % 2 != 0;
+    const bool callbackCloses = round % 4 >= 2;
+    SCOPED_TRACE(std::string(otherCloses ? "Close" : "StreamStop") + " on another thread, " +
+                 (callbackCloses ? "Close" : "StreamStop") + " in the callback");
+    ASSERT_EQ(chan_->Open(0, 0), 0u);
+    client.configure(chan_);
+    tqtest::LogCapture log;
+    Racer racer;
+    racer.chan = chan_;
+    racer.callbackCloses = callbackCloses;
+    racer.log = &log;
+    chan_->RegisterDataCallback(&Racer::callback, reinterpret_cast<uint64_t>(&racer));
+    ASSERT_EQ(chan_->StreamStart(0), 0u);
+    ASSERT_EQ(racer.inCallback.get_future().wait_for(5s), std::future_status::ready);
+    std::packaged_task<uint32_t()> stop([&] { return otherCloses ? chan_->Close() : chan_->StreamStop(0); });
+    std::future<uint32_t> stopped = stop.get_future();
+    std::thread other(std::move(stop));
+    if (stopped.wait_for(10s) != std::future_status::ready) {
+      std::fprintf(stderr,
+                   "deadlock: the stopping thread waits for the capture thread, which waits for it\n");
+      std::abort();
+    }
+    other.join();
+    EXPECT_EQ(stopped.get(), 0u);
+    EXPECT_EQ(racer.result.load(), kError);
+    EXPECT_EQ(chan_->StreamStop(0), otherCloses ? 0u : kError);  // a close leaves the stream started
+    EXPECT_FALSE(chan_->IsStarted());
+    EXPECT_EQ(chan_->Close(), 0u);
+    EXPECT_FALSE(chan_->IsOpened());
+    EXPECT_EQ(capture_thread[camera_], nullptr);
+  }
 }
 
 }  // namespace

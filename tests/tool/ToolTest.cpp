@@ -85,6 +85,7 @@ TEST_F(Tool, SubcommandsPrintWhatTheCameraHolds) {
       {{"read-mem", "40500", "64"}, {"00040500  45 6D 75", "00040560 "}},
       {{"-c", "CAM-SN-0042", "read", "40A08"}, {"= 0x000003C0"}},
       {{"-c", "1", "read", "40A08"}, {"= 0x000003C0"}},
+      {{"stream", "--help"}, {"--frames", "estimate from gaps in the frame timing"}},
   };
   for (const Case& c : cases) {
     const auto result = tool(c.args);
@@ -132,6 +133,17 @@ TEST_F(Tool, ErrorsExitNonZeroWithTheStatusNamed) {
       {{"bogus"}, {}, 2, "bogus"},
       {{"grab", "-n", "1"}, {}, 2, "--output is required"},
       {{"stream", "--seconds", "1", "--frames", "2"}, {}, 2, "excludes"},
+      {{"stream", "--frames", "5"},
+       "[camera]\nfault status = 5\n",
+       1,
+       "connect to camera 1: status 0x8007 GENCP_BUSY"},
+      // The stream starts, but the capture thread cannot open the node: after
+      // the tool's frame time-out (10 s) it gives up with an error.
+      {{"stream", "--frames", "5"},
+       "[camera]\nfault video-open-fails = true\n",
+       1,
+       "no frame from the camera for 10 s"},
+      {{"monitor", "--interval", "1"}, {}, 2, "--interval"},
   };
   for (const Case& c : cases) {
     const auto result = tool(c.args, c.config);
@@ -374,6 +386,11 @@ TEST_F(Tool, StreamPrintsLiveLinesAndASummary) {
 // a second; the library drops the others while all buffers are locked, and
 // every one of them is counted.
 TEST_F(Tool, StreamCountsFramesLostToLockedBuffers) {
+#if defined(__SANITIZE_THREAD__)
+  // The estimate needs the camera's real rate; under TSan the emulated camera
+  // itself falls to a few frames a second and nothing is lost.
+  GTEST_SKIP() << "frame timing too slow under ThreadSanitizer";
+#endif
   const auto result = tool({"stream", "--seconds", "3", "--hold-ms", "200"});
   ASSERT_EQ(result.status, 0) << result.err;
   std::smatch m;

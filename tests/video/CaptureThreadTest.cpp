@@ -1,6 +1,7 @@
 // CaptureThread against the emulated node: size and rate listing, the format
 // choice, the capture thread's frames and what it asks of the node, stop from
 // any thread (the callback included), unplug and the other early ends.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -35,6 +36,16 @@ bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds time
     std::this_thread::sleep_for(5ms);
   }
   return true;
+}
+
+// Descriptors the process holds right now.
+size_t openDescriptors() {
+  size_t n = 0;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (readdir(dir) != nullptr) ++n;
+    closedir(dir);
+  }
+  return n;
 }
 
 FrameSize frameSize(uint32_t w, uint32_t h, const std::vector<uint32_t>& fps,
@@ -276,6 +287,7 @@ TEST_F(StreamingTest, LostNodeEndsTheThreadAfterOneErrorAndCloseReleasesWhatItLe
     FrameSink sink;
     CaptureThread capture;
     openAndChoose(capture, 640, 480, &sink);
+    const size_t descriptors = openDescriptors();
     ASSERT_EQ(capture.start(), 0);
     ASSERT_TRUE(sink.waitForFrames(2));
     lose(id_);
@@ -295,6 +307,9 @@ TEST_F(StreamingTest, LostNodeEndsTheThreadAfterOneErrorAndCloseReleasesWhatItLe
     EXPECT_EQ(tqsim::openVideoNodes(id_), 1);
     closeInTime(capture);
     EXPECT_EQ(log.count("CLEANUP cap thread"), 0u);
+    // The object outlives its stream (a table entry a failed open left behind
+    // does): once closed it holds no descriptor, the wake descriptor included.
+    EXPECT_EQ(openDescriptors(), descriptors);
   }
 }
 
@@ -310,6 +325,7 @@ TEST_F(StreamingTest, EarlyEndsBeforeStreamingLeaveRunningSetAndCloseCleansUp) {
     CaptureThread capture;
     openAndChoose(capture);
     setFaults(id_, fault);
+    const size_t descriptors = openDescriptors();
     ASSERT_EQ(capture.start(), 0);
     ASSERT_TRUE(log.waitFor(logText, 3s));
     expectLoggedAs(log, {{logText, level}});
@@ -317,6 +333,7 @@ TEST_F(StreamingTest, EarlyEndsBeforeStreamingLeaveRunningSetAndCloseCleansUp) {
     EXPECT_EQ(capture.start(), -23);
     closeInTime(capture);
     EXPECT_EQ(log.count("CLEANUP cap thread"), 0u);
+    EXPECT_EQ(openDescriptors(), descriptors);
     setFaults(id_, [](VideoFaults& f) { f = VideoFaults{}; });
   }
   EXPECT_TRUE(sink_.frames().empty());

@@ -9,7 +9,9 @@
 namespace tool {
 namespace {
 
-// Node numbers probed: the same range the library scans.
+// Node numbers probed for each kind. Wider than the library's own scan (0 to 15,
+// hidraw stopping at the first gap) on purpose: the listing then also shows
+// nodes of a camera that the library does not reach.
 constexpr int kMaxNodeNumber = 256;
 
 bool isCharacterDevice(const std::string& path) {

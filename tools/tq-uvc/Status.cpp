@@ -3,6 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
+// Not part of the public header: the tool compiles the library's status tables
+// in (see CMakeLists.txt) so that it names statuses with the library's words;
+// every library call still goes through tq_uvc.h.
 #include "hid/DecodeError.h"
 
 namespace tool {

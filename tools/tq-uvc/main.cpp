@@ -93,6 +93,9 @@ int runTool(int argc, char** argv) {
   grab->add_option("-o,--output", grabOutput, "PNG file; %d in the name saves every frame")->required();
   tool::StreamLimits limits;
   auto* stream = app.add_subcommand("stream", "Stream and print rates once a second");
+  stream->footer(
+      "\"lost\" counts frames dropped because every buffer was locked. The library does not report them, so "
+      "the count is an estimate from gaps in the frame timing.");
   auto* seconds = stream->add_option("--seconds", limits.seconds, "Stop after this many seconds")
                       ->check(CLI::PositiveNumber);
   stream->add_option("--frames", limits.frames, "Stop after this many frames")
