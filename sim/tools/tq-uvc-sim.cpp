@@ -104,9 +104,11 @@ pid_t gChild = -1;
 // Signals another process sends the launcher go on to the program; those of
 // the terminal (Ctrl-C) reach the program by themselves.
 void forward(int signal, siginfo_t* info, void*) {
+  const int savedErrno = errno;  // the interrupted code may be about to read it
   if (gChild > 0 && (info == nullptr || info->si_code == SI_USER || info->si_code == SI_QUEUE)) {
     ::kill(gChild, signal);
   }
+  errno = savedErrno;
 }
 
 int launch(int argc, char** argv) {

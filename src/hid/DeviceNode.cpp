@@ -3,7 +3,13 @@
 // Not a static object: the library's unload guard closes the cameras through
 // it, and static objects of other files are destroyed in no defined order. The
 // guard frees it last (ReleaseDevicePool).
-std::vector<DeviceNode>& DevicePool = *new std::vector<DeviceNode>;
+// Room for every record up front: appending never moves the records that other
+// threads are reading.
+std::vector<DeviceNode>& DevicePool = *[] {
+  auto* pool = new std::vector<DeviceNode>;
+  pool->reserve(kMaxDevicePoolRecords);
+  return pool;
+}();
 
 void ReleaseDevicePool() { delete &DevicePool; }
 uint32_t gn_DeviceCount = 0;

@@ -13,8 +13,7 @@ class UniqueFd {
 
   UniqueFd() = default;
   explicit UniqueFd(int fd, Closer closer = &::close) : fd_(fd), closer_(closer) {}
-  UniqueFd(UniqueFd&& other) noexcept
-      : fd_(std::exchange(other.fd_, -1)), closer_(other.closer_) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)), closer_(other.closer_) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
     if (this != &other) {
       Closer closer = other.closer_;

@@ -128,7 +128,7 @@ constexpr uint64_t kWarmUpFrames = 16;
 }  // namespace
 
 StreamSession::StreamSession(uint64_t handle, const Geometry& geometry, Sink sink, Options options)
-    : handle_(handle), sink_(std::move(sink)), options_(options) {
+    : sink_(std::move(sink)), options_(options) {
   const unsigned count = std::max(1u, options_.bufferCount);
   const uint32_t size = geometry.pitch * geometry.height;
   for (unsigned i = 0; i < count; ++i) {

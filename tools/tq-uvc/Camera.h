@@ -147,7 +147,6 @@ class StreamSession {
     _tagTqUvcDataBlockInfo info;
   };
 
-  const uint64_t handle_;
   const Sink sink_;
   const Options options_;
   std::vector<std::vector<uint8_t>> buffers_;
