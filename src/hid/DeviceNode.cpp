@@ -5,6 +5,8 @@
 // guard frees it last (ReleaseDevicePool).
 // Room for every record up front: appending never moves the records that other
 // threads are reading.
+std::atomic<size_t> DevicePoolCount{0};
+
 std::vector<DeviceNode>& DevicePool = *[] {
   auto* pool = new std::vector<DeviceNode>;
   pool->reserve(kMaxDevicePoolRecords);

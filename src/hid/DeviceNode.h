@@ -3,6 +3,7 @@
 // camera's position in DevicePool is its camera index everywhere else.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -30,6 +31,9 @@ struct DeviceNode {
 // Holds at most kMaxDevicePoolRecords, so that every index fits in 8 bits.
 // Not locked: enumeration must not run while other threads use it.
 constexpr size_t kMaxDevicePoolRecords = 256;
+// Records published to other threads: set after each append, so that a reader
+// never looks at the vector's own size while enumeration appends.
+extern std::atomic<size_t> DevicePoolCount;
 extern std::vector<DeviceNode>& DevicePool;
 // Frees the table at unload, after every camera was closed; nothing may use
 // DevicePool afterwards.

@@ -126,6 +126,7 @@ uint8_t KOR_HID_Enumerate(unsigned short vid, unsigned short pid) {
     r.bLinked = 1;
     r.pHid.reset();
     DevicePool.push_back(std::move(r));
+    DevicePoolCount.store(DevicePool.size(), std::memory_order_release);
   }
 
   gn_Vid = vid;

@@ -5,7 +5,9 @@
 
 namespace {
 
-DeviceNode* record(uint8_t cam) { return cam < DevicePool.size() ? &DevicePool[cam] : nullptr; }
+DeviceNode* record(uint8_t cam) {
+  return cam < DevicePoolCount.load(std::memory_order_acquire) ? &DevicePool[cam] : nullptr;
+}
 
 std::shared_ptr<cHid> device(uint8_t cam) {
   DeviceNode* node = record(cam);

@@ -92,6 +92,7 @@ TEST_F(Enumeration, TheTableStopsAt256Records) {
   // Cameras seen earlier, long gone: only their records are needed.
   while (DevicePool.size() < 255) {
     DevicePool.emplace_back();
+    DevicePoolCount = DevicePool.size();
     DevicePool.back().sIdentity = "OLD-" + std::to_string(DevicePool.size());
   }
   tqtest::LogCapture log;
@@ -121,6 +122,7 @@ TEST_F(Enumeration, TheTableStopsAt256Records) {
 
   for (size_t i = before; i < DevicePool.size(); ++i) KOR_HID_Close(static_cast<uint8_t>(i));
   DevicePool.resize(before);
+  DevicePoolCount = DevicePool.size();
 }
 
 }  // namespace

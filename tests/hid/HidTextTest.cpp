@@ -127,6 +127,7 @@ TEST(sGetString, OddTexts) {
 TEST(KorHid, GettersStayWithinLenAndTheTable) {
   const auto cam = static_cast<uint8_t>(DevicePool.size());
   DevicePool.emplace_back();
+  DevicePoolCount = DevicePool.size();
   DevicePool.back().sSerial = "SER123";
   const std::pair<int32_t, std::string> cases[] = {
       {8, std::string("SER123\0#", 8)}, {4, std::string("SER\0####", 8)}, {0, "########"}};
@@ -142,6 +143,7 @@ TEST(KorHid, GettersStayWithinLenAndTheTable) {
   EXPECT_EQ(KOR_HID_Report(cam, 1, 0x5C, data, 4), 1);
   EXPECT_EQ(KOR_HID_FeatureRd(uint8_t(cam + 1), 1, data, 4), 1);
   DevicePool.pop_back();
+  DevicePoolCount = DevicePool.size();
 }
 
 }  // namespace
