@@ -328,7 +328,7 @@ uint32_t TqUvcCtrlChan::request(const char* busyFormat, const char* errorFormat,
 
 uint32_t TqUvcCtrlChan::ReadReg(uint32_t address, uint32_t* value) {
   if (value == nullptr || linked == 0) return kRefused;
-  const uint32_t cam = device->GetDiscData()->HIDCamIndex;
+  const uint32_t cam = __atomic_load_n(&device->GetDiscData()->HIDCamIndex, __ATOMIC_RELAXED);
   return request(
       "TqUvcCtrlChan::ReadReg device is busy: 0x%4.4x (return code=0x%4.4x, try another write (%d))",
       "TqUvcCtrlChan::ReadReg error reading from adr: 0x%4.4x", address,
@@ -338,7 +338,7 @@ uint32_t TqUvcCtrlChan::ReadReg(uint32_t address, uint32_t* value) {
 uint32_t TqUvcCtrlChan::WriteReg(uint32_t address, uint32_t value) {
   // Writes need a connection, reads only a link.
   if (connected == 0 || linked == 0) return kRefused;
-  const uint32_t cam = device->GetDiscData()->HIDCamIndex;
+  const uint32_t cam = __atomic_load_n(&device->GetDiscData()->HIDCamIndex, __ATOMIC_RELAXED);
   return request(
       "TqUvcCtrlChan::WriteReg device is busy: 0x%4.4x (return code=0x%4.4x, try another write (%d))",
       "TqUvcCtrlChan::WriteReg error writing to adr: 0x%4.4x", address,
@@ -363,7 +363,7 @@ uint32_t TqUvcCtrlChan::WriteReg(uint32_t* /*addresses*/, uint32_t* /*values*/, 
 
 uint32_t TqUvcCtrlChan::ReadMem(uint32_t address, uint8_t* buffer, uint32_t length) {
   if (length == 0 || buffer == nullptr || linked == 0) return kRefused;
-  const uint32_t cam = device->GetDiscData()->HIDCamIndex;
+  const uint32_t cam = __atomic_load_n(&device->GetDiscData()->HIDCamIndex, __ATOMIC_RELAXED);
   RkOsEnterCriticalSection(&requestLock);
   uint16_t id = nextRequestId();
   const int result =

@@ -98,3 +98,12 @@ void TqUvcDiscPkt::LogDifferences(TqUvcDiscPkt* other) {
   if (data_.MI != other->data_.MI) Log.Info("  MI:            %04X  %04X\n", data_.MI, other->data_.MI);
   Log.Info("TqUvcDiscPkt::DumpPktToLog :: --- End Differences in Discovery Packet -----------------------\n");
 }
+
+void TqUvcDiscPkt::CopyFrom(const TqUvcDiscPkt& other) {
+  if (std::memcmp(&data_, &other.data_, sizeof data_) == 0) return;
+  static_assert(sizeof data_ % sizeof(uint32_t) == 0, "the record is whole words");
+  auto* dst = reinterpret_cast<uint32_t*>(&data_);
+  const auto* src = reinterpret_cast<const uint32_t*>(&other.data_);
+  for (size_t i = 0; i < sizeof data_ / sizeof(uint32_t); ++i)
+    __atomic_store_n(&dst[i], src[i], __ATOMIC_RELAXED);
+}

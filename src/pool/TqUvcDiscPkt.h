@@ -32,8 +32,10 @@ class TqUvcDiscPkt final {
 
   // The record itself, handed to the control channel on connect/disconnect.
   _tagTqUvccpDiscData* GetDiscData() { return &data_; }
-  // Overwrites the whole record with other's.
-  void CopyFrom(const TqUvcDiscPkt& other) { data_ = other.data_; }
+  // Overwrites the whole record with other's. A rescan does this while other
+  // threads read the record: an unchanged record is not written at all, and a
+  // changed one word by word, so the camera index is never read half-written.
+  void CopyFrom(const TqUvcDiscPkt& other);
 
   virtual void DumpPktToLog(unsigned int unused);
   // One info line per differing field, own value first; nothing for null.
