@@ -442,6 +442,12 @@ TEST_F(Tool, LogLevelsFromTheCommandLine) {
 // A stop request ends each long-running command; monitor has nothing left to
 // do and exits 0, grab and stream were cut short: a message and 128 + SIGINT.
 TEST_F(Tool, InterruptEndsLongCommands) {
+#if defined(__SANITIZE_THREAD__)
+  // ThreadSanitizer defers signals to its own safe points; the launcher and
+  // tool built with it do not end within the wait below. Plain and ASan runs
+  // check this path.
+  GTEST_SKIP() << "signal timing differs under ThreadSanitizer";
+#endif
   struct Case {
     std::vector<std::string> args;
     std::string ready;  // on stdout or stderr once the command runs
