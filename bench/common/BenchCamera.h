@@ -7,12 +7,16 @@
 #include <tq_uvc.h>
 #include <tqsim/Sim.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -110,9 +114,14 @@ class StreamClient {
  public:
   static constexpr uint32_t kBuffers = 4;
 
-  explicit StreamClient(size_t bytes) : memory_(kBuffers, std::vector<uint8_t>(bytes)) {
+  // Page-aligned buffers, touched once, as a frame grabber allocates them (and
+  // as the copy baselines do: alignment alone moves memcpy by 10-20 %).
+  explicit StreamClient(size_t bytes) {
+    const size_t stride = (bytes + 4095) / 4096 * 4096;
     for (uint32_t i = 0; i < kBuffers; ++i) {
-      addresses_[i] = reinterpret_cast<uintptr_t>(memory_[i].data());
+      memory_[i].reset(static_cast<uint8_t*>(std::aligned_alloc(4096, stride)));
+      if (memory_[i]) std::memset(memory_[i].get(), 0, stride);
+      addresses_[i] = reinterpret_cast<uintptr_t>(memory_[i].get());
       sizes_[i] = static_cast<uint32_t>(bytes);
       lockTable_[i] = (i + 1) % kBuffers;
     }
@@ -148,7 +157,7 @@ class StreamClient {
   }
 
   uint64_t frames() const { return frames_.load(std::memory_order_relaxed); }
-  const uint8_t* buffer(uint32_t i) const { return memory_.at(i).data(); }
+  const uint8_t* buffer(uint32_t i) const { return memory_.at(i).get(); }
   // False when the count has not reached `target` within the time-out.
   bool waitFor(uint64_t target) {
     target_.store(target);
@@ -172,7 +181,10 @@ class StreamClient {
   }
 
  private:
-  std::vector<std::vector<uint8_t>> memory_;
+  struct Free {
+    void operator()(uint8_t* p) const { std::free(p); }
+  };
+  std::array<std::unique_ptr<uint8_t, Free>, kBuffers> memory_;
   uint64_t addresses_[kBuffers] = {};
   uint32_t sizes_[kBuffers] = {};
   uint32_t lockTable_[kBuffers] = {};

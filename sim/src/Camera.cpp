@@ -62,6 +62,11 @@ void Camera::modify(const std::function<void(CameraConfig&)>& fn) {
   if (config_.xmlFile != oldXml) rehashLocked();
 }
 
+Camera::VideoRunState Camera::videoRunState() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return {config_.video.freeRun, config_.videoFaults};
+}
+
 Camera::NodeNumbers Camera::nodeNumbers() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return {config_.hidrawNumber, config_.videoNumber, config_.metadataVideoNumber};

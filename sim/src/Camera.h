@@ -73,6 +73,14 @@ class Camera {
   bool plugged() const { return plugged_.load(); }
   void setPlugged(bool plugged) { plugged_.store(plugged); }
 
+  // What a streaming video node looks at for every frame (cheap: no record
+  // copy, which would cost allocations per frame).
+  struct VideoRunState {
+    bool freeRun = false;
+    VideoFaults faults;
+  };
+  VideoRunState videoRunState() const;
+
   // The node numbers of the current configuration (cheap: no record copy).
   struct NodeNumbers {
     int hidraw = 0;

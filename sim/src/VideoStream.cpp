@@ -24,6 +24,8 @@ namespace tqsim {
 namespace {
 
 constexpr uint32_t kMaxBuffers = 32;
+// Slice of a frame filled between two looks at a stop request.
+constexpr size_t kFillSlice = 256 * 1024;
 // How often an idle or waiting producer looks at faults and the plug state.
 constexpr std::chrono::milliseconds kFaultPoll{10};
 constexpr v4l2_fract kDefaultInterval{1, 30};
@@ -598,7 +600,7 @@ int VideoStream::mapFd(uint64_t offset, uint64_t length, int flags, int& fd) {
   return fd < 0 ? errno : 0;
 }
 
-bool VideoStream::lost() const { return !camera_->plugged() || camera_->config().videoFaults.selectFails; }
+bool VideoStream::lost() const { return !camera_->plugged() || camera_->videoRunState().faults.selectFails; }
 
 int VideoStream::pollState() {
   if (lost()) breakStream();
@@ -646,7 +648,7 @@ int VideoStream::dqbuf(v4l2_buffer* buf) {
   if (shared().busy(nodeKey(), this)) return EBUSY;
   if (buf->type != bufferType()) return EINVAL;
   if (buf->memory != V4L2_MEMORY_MMAP) return EINVAL;
-  const VideoFaults faults = camera_->config().videoFaults;
+  const VideoFaults faults = camera_->videoRunState().faults;
   const int faultErrno = faults.dqbufErrno;
   std::lock_guard<std::mutex> lock(mutex_);
   if (!streaming_) return EINVAL;
@@ -702,12 +704,14 @@ int VideoStream::streamOff(const int* type) {
 void VideoStream::stopProducer(std::unique_lock<std::mutex>& lock) {
   if (!producer_.joinable()) return;
   stopProducer_ = true;
+  stopping_ = true;
   wake_.notify_all();
   std::thread producer = std::move(producer_);
   lock.unlock();
   producer.join();
   lock.lock();
   stopProducer_ = false;
+  stopping_ = false;
 }
 
 void VideoStream::dropReadyFramesLocked() {
@@ -753,8 +757,8 @@ void VideoStream::producerLoop() {
   Clock::time_point next = Clock::now();
   while (!stopProducer_) {
     lock.unlock();
-    const CameraConfig config = camera_->config();
-    const bool gone = !camera_->plugged() || config.videoFaults.selectFails;
+    const Camera::VideoRunState run = camera_->videoRunState();
+    const bool gone = !camera_->plugged() || run.faults.selectFails;
     if (gone) breakStream();
     lock.lock();
     if (stopProducer_) break;
@@ -762,8 +766,8 @@ void VideoStream::producerLoop() {
       wake_.wait_for(lock, kFaultPoll);
       continue;
     }
-    const bool freeRun = config.video.freeRun;
-    if (incoming_.empty() || config.videoFaults.stopSending) {
+    const bool freeRun = run.freeRun;
+    if (incoming_.empty() || run.faults.stopSending) {
       wake_.wait_for(lock, kFaultPoll);
       // A camera that resumes starts a fresh period instead of a burst.
       next = Clock::now();
@@ -783,10 +787,21 @@ void VideoStream::producerLoop() {
     // The buffer belongs to the producer until it is marked done; the memory
     // stays mapped because buffers are released only after this thread ends.
     lock.unlock();
-    fillFrame(data, size, sequence);
+    // In slices, so STREAMOFF or close does not wait for a whole large frame
+    // (uvcvideo's STREAMOFF cancels the transfers in flight). A frame left
+    // unfinished is never marked done.
+    bool whole = true;
+    for (size_t from = 0; from < size; from += kFillSlice) {
+      if (stopping_.load(std::memory_order_relaxed)) {
+        whole = false;
+        break;
+      }
+      fillFrameRange(data, size, sequence, from, std::min<size_t>(size, from + kFillSlice));
+    }
     lock.lock();
+    if (!whole) break;
 
-    const uint32_t shortBytes = config.videoFaults.shortFrameBytes;
+    const uint32_t shortBytes = run.faults.shortFrameBytes;
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     DoneFrame frame{index, shortBytes != 0 ? std::min(shortBytes, size) : size, sequence,

@@ -167,6 +167,7 @@ class VideoStream {
   bool streaming_ = false;
   std::atomic<int> pollBits_{POLLERR};
   bool stopProducer_ = false;
+  std::atomic<bool> stopping_{false};  // read by the producer while it fills a frame
   std::thread producer_;
   uint32_t sequence_ = 0;
   std::atomic<uint32_t> framesProduced_{0};

@@ -24,9 +24,11 @@ inline uint8_t framePatternByte(uint32_t frameNumber, size_t offset) {
   return static_cast<uint8_t>(offset * 7 + (offset >> 11) + frameNumber * 3);
 }
 
-inline void fillFrame(uint8_t* dst, size_t size, uint32_t frameNumber) {
-  const size_t header = size < kFrameHeaderBytes ? size : kFrameHeaderBytes;
-  for (size_t i = 0; i < header; ++i) dst[i] = framePatternByte(frameNumber, i);
+// Bytes [begin, end) of frame `frameNumber` into `dst`, the start of the frame.
+inline void fillFrameRange(uint8_t* dst, size_t size, uint32_t frameNumber, size_t begin, size_t end) {
+  if (end > size) end = size;
+  const size_t header = end < kFrameHeaderBytes ? end : kFrameHeaderBytes;
+  for (size_t i = begin; i < header; ++i) dst[i] = framePatternByte(frameNumber, i);
   // Within a 2048-byte block the pattern is i*7 plus a constant (2048*7 is a
   // multiple of 256), so each block is one vectorisable add over a template.
   struct Template {
@@ -37,15 +39,19 @@ inline void fillFrame(uint8_t* dst, size_t size, uint32_t frameNumber) {
   };
   static const Template ramp;
   const uint8_t base = static_cast<uint8_t>(frameNumber * 3);
-  for (size_t i = kFrameHeaderBytes; i < size;) {
-    const size_t end = ((i >> 11) + 1) << 11;
-    const size_t stop = end < size ? end : size;
+  for (size_t i = begin > kFrameHeaderBytes ? begin : kFrameHeaderBytes; i < end;) {
+    const size_t blockEnd = ((i >> 11) + 1) << 11;
+    const size_t stop = blockEnd < end ? blockEnd : end;
     const uint8_t add = static_cast<uint8_t>((i >> 11) + base);
     const uint8_t* src = ramp.bytes + (i & 2047);
     uint8_t* out = dst + i;
     for (size_t k = 0, n = stop - i; k < n; ++k) out[k] = static_cast<uint8_t>(src[k] + add);
     i = stop;
   }
+}
+
+inline void fillFrame(uint8_t* dst, size_t size, uint32_t frameNumber) {
+  fillFrameRange(dst, size, frameNumber, 0, size);
 }
 
 // The frame number a frame claims; false when it is shorter than the header or
