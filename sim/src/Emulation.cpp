@@ -134,6 +134,18 @@ std::string usbhidName(const CameraConfig& config) {
 
 std::string hidrawPhys(int port) { return "usb-vhci_hcd.0-" + std::to_string(port) + "/input2"; }
 
+// The bound the configuration file keeps, so that no path to a camera yields a
+// frame larger than V4L2's 32-bit sizeimage.
+std::string sizeProblem(const CameraConfig& config) {
+  for (const FrameSize& size : config.video.sizes) {
+    if (size.width == 0 || size.height == 0 || size.width > kMaxFrameSide || size.height > kMaxFrameSide) {
+      return "frame size " + std::to_string(size.width) + "x" + std::to_string(size.height) +
+             " out of range (1.." + std::to_string(kMaxFrameSide) + " each)";
+    }
+  }
+  return {};
+}
+
 }  // namespace
 
 NodeName parseNodePath(const char* path) {
@@ -266,6 +278,60 @@ void InputFanout::send(const std::vector<uint8_t>& report) {
   std::lock_guard<std::mutex> lock(mutex);
   // A reader whose queue is full loses the report, as with the kernel's.
   for (int socket : sockets) ::send(socket, report.data(), report.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+InputFanout::~InputFanout() {
+  {
+    std::lock_guard<std::mutex> lock(laterMutex_);
+    stopping_ = true;
+  }
+  laterWake_.notify_all();
+  if (!laterThread_.joinable()) return;
+  // A forked child has no copy of the thread to join.
+  if (gInChild.load())
+    laterThread_.detach();
+  else
+    laterThread_.join();
+}
+
+void InputFanout::sendLater(std::shared_ptr<Camera> camera, std::chrono::steady_clock::time_point due,
+                            std::vector<uint8_t> report) {
+  std::lock_guard<std::mutex> lock(laterMutex_);
+  if (stopping_) return;
+  // Answers of one node come in due order; those of two closed nodes may
+  // interleave, so keep the queue sorted.
+  auto at = std::upper_bound(later_.begin(), later_.end(), due,
+                             [](const auto& when, const Later& entry) { return when < entry.due; });
+  later_.insert(at, Later{std::move(camera), due, std::move(report)});
+  if (!laterThread_.joinable()) {
+    try {
+      laterThread_ = std::thread([this] { serveLater(); });
+    } catch (...) {
+      later_.clear();  // no thread: the answers are lost, as from a hung device
+      return;
+    }
+  }
+  laterWake_.notify_all();
+}
+
+void InputFanout::serveLater() {
+  std::unique_lock<std::mutex> lock(laterMutex_);
+  while (!stopping_) {
+    if (later_.empty()) {
+      laterWake_.wait(lock);
+      continue;
+    }
+    if (std::chrono::steady_clock::now() < later_.front().due) {
+      laterWake_.wait_until(lock, later_.front().due);
+      continue;
+    }
+    Later next = std::move(later_.front());
+    later_.pop_front();
+    lock.unlock();
+    if (next.camera->plugged()) send(next.report);
+    next.camera.reset();
+    lock.lock();
+  }
 }
 
 void InputFanout::add(int socket) {
@@ -635,7 +701,7 @@ CameraId Emulation::plug(const CameraConfig& config, std::string* error) {
       if (error) *error = "the emulation is not active in this process";
       return kNoCamera;
     }
-    const std::string conflict = nodeConflictLocked(config, kNoCamera);
+    const std::string conflict = configProblemLocked(config, kNoCamera);
     if (!conflict.empty()) {
       if (error) *error = conflict;
       return kNoCamera;
@@ -745,13 +811,21 @@ std::vector<CameraId> Emulation::ids() const {
   return result;
 }
 
-bool Emulation::modify(CameraId id, const std::function<void(CameraConfig&)>& fn) {
+bool Emulation::modify(CameraId id, const std::function<void(CameraConfig&)>& fn, std::string* error) {
   std::lock_guard<std::mutex> lock(mutex_);
   Entry* entry = entryLocked(id);
-  if (entry == nullptr) return false;
+  if (entry == nullptr) {
+    if (error) *error = "unknown camera " + std::to_string(id);
+    return false;
+  }
   CameraConfig changed = entry->camera->config();
   fn(changed);
-  if (entry->camera->plugged() && !nodeConflictLocked(changed, id).empty()) return false;
+  std::string problem = sizeProblem(changed);
+  if (problem.empty() && entry->camera->plugged()) problem = nodeConflictLocked(changed, id);
+  if (!problem.empty()) {
+    if (error) *error = problem;
+    return false;
+  }
   entry->camera->modify([&](CameraConfig& config) { config = std::move(changed); });
   writeStateLocked();  // identity and udev faults show in udevadm at once
   return true;
@@ -856,6 +930,11 @@ const Emulation::Entry* Emulation::pluggedWithNodeLocked(NodeKind kind, int numb
     }
   }
   return nullptr;
+}
+
+std::string Emulation::configProblemLocked(const CameraConfig& config, CameraId except) const {
+  std::string problem = sizeProblem(config);
+  return problem.empty() ? nodeConflictLocked(config, except) : problem;
 }
 
 std::string Emulation::nodeConflictLocked(const CameraConfig& config, CameraId except) const {

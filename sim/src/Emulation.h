@@ -15,10 +15,14 @@
 #include <tqsim/VideoStatus.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Camera.h"
@@ -44,11 +48,35 @@ NodeName parseNodePath(const char* path);
 // each input report to every open descriptor. Holds our socket ends only; the
 // mutex is a leaf (nothing else is taken under it).
 struct InputFanout {
+  InputFanout() = default;
+  InputFanout(const InputFanout&) = delete;
+  InputFanout& operator=(const InputFanout&) = delete;
+  ~InputFanout();
+
   std::mutex mutex;
   std::vector<int> sockets;
   void send(const std::vector<uint8_t>& report);
   void add(int socket);
   void remove(int socket);
+  // An answer of a descriptor that was closed before it was due: the device
+  // still sends it, so the other readers get it at its time (dropped if the
+  // camera is unplugged by then). Served by a thread started on first use.
+  void sendLater(std::shared_ptr<Camera> camera, std::chrono::steady_clock::time_point due,
+                 std::vector<uint8_t> report);
+
+ private:
+  struct Later {
+    std::shared_ptr<Camera> camera;
+    std::chrono::steady_clock::time_point due;
+    std::vector<uint8_t> report;
+  };
+  void serveLater();
+
+  std::mutex laterMutex_;  // a leaf as well: released before send()
+  std::condition_variable laterWake_;
+  std::deque<Later> later_;  // in due order
+  bool stopping_ = false;
+  std::thread laterThread_;
 };
 
 // A node opened through openNode.
@@ -107,7 +135,7 @@ class Emulation {
   std::shared_ptr<Camera> findPluggedVideo(const char* path) const;
   std::shared_ptr<Camera> findPluggedHidraw(const char* path) const;
   std::vector<CameraId> ids() const;
-  bool modify(CameraId id, const std::function<void(CameraConfig&)>& fn);
+  bool modify(CameraId id, const std::function<void(CameraConfig&)>& fn, std::string* error = nullptr);
   bool sendEvent(CameraId id, const std::vector<uint8_t>& data);
   int openNodes(CameraId id) const;
   int openVideoNodes(CameraId id) const;
@@ -143,6 +171,8 @@ class Emulation {
   Entry* entryLocked(const std::shared_ptr<Camera>& camera);
   const Entry* pluggedWithNodeLocked(NodeKind kind, int number) const;
   std::string nodeConflictLocked(const CameraConfig& config, CameraId except) const;
+  // Frame sizes out of range, then node conflicts; empty when the record is usable.
+  std::string configProblemLocked(const CameraConfig& config, CameraId except) const;
   void plugLocked(Entry& entry);
   void unplugLocked(Entry& entry);
   void writeStateLocked();

@@ -113,13 +113,17 @@ void HidrawNode::serve() {
       if (ready < 0 && errno != EINTR) return;
       if (fds[0].revents != 0) {
         // Closed: a report written before the close reached the camera, as a
-        // write to the kernel's node has once it returns.
-        if (callerOpen && camera_->plugged()) {
-          ssize_t n = 0;
-          while ((n = ::recv(ours_.get(), buffer, kReceiveBuffer, MSG_DONTWAIT)) > 0) {
-            camera_->handle(buffer, static_cast<size_t>(n));
+        // write to the kernel's node has once it returns, and the device
+        // still answers it to the other readers.
+        if (!camera_->plugged()) return;
+        ssize_t n = 0;
+        while (callerOpen && (n = ::recv(ours_.get(), buffer, kReceiveBuffer, MSG_DONTWAIT)) > 0) {
+          for (Answer& answer : camera_->handle(buffer, static_cast<size_t>(n))) {
+            lastDue = std::max(Clock::now() + answer.delay, lastDue);
+            pending.push_back({lastDue, std::move(answer.report)});
           }
         }
+        for (Pending& answer : pending) fanout_->sendLater(camera_, answer.due, std::move(answer.report));
         return;
       }
 

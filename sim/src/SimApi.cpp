@@ -64,8 +64,8 @@ bool setUdevFaults(CameraId id, const UdevFaults& faults) {
   return emulation().modify(id, [&](CameraConfig& c) { c.udevFaults = faults; });
 }
 
-bool modifyCamera(CameraId id, const std::function<void(CameraConfig&)>& fn) {
-  return emulation().modify(id, fn);
+bool modifyCamera(CameraId id, const std::function<void(CameraConfig&)>& fn, std::string* error) {
+  return emulation().modify(id, fn, error);
 }
 
 std::vector<std::vector<uint8_t>> receivedReports(CameraId id) {

@@ -83,7 +83,8 @@ VideoStream::VideoStream(std::shared_ptr<Camera> camera, bool captureNode, std::
     width_ = 640;
     height_ = 480;
   }
-  sizeImage_ = captureNode_ ? width_ * height_ * 2 : kMetaBufferSize;
+  sizeImage_ =
+      captureNode_ ? static_cast<uint32_t>(static_cast<uint64_t>(width_) * height_ * 2) : kMetaBufferSize;
 }
 
 VideoStream::~VideoStream() {
@@ -96,6 +97,7 @@ void VideoStream::shutdown() {
   shared().own(nodeKey(), this, false);
   std::unique_lock<std::mutex> lock(mutex_);
   stopProducer(lock);
+  if (streaming_) shared().setStreaming(nodeKey(), false);
   streaming_ = false;
   if (!broken_) pollBits_.store(POLLERR, std::memory_order_release);
   releaseBuffersLocked();
@@ -223,6 +225,24 @@ bool VideoStream::NodeShared::busy(const Key& key, const VideoStream* self) {
   std::lock_guard<std::mutex> lock(mutex);
   auto it = owners.find(key);
   return it != owners.end() && it->second != self;
+}
+
+bool VideoStream::NodeShared::allocated(const Key& key) {
+  std::lock_guard<std::mutex> lock(mutex);
+  return owners.count(key) != 0;
+}
+
+bool VideoStream::NodeShared::isStreaming(const Key& key) {
+  std::lock_guard<std::mutex> lock(mutex);
+  return streaming.count(key) != 0;
+}
+
+void VideoStream::NodeShared::setStreaming(const Key& key, bool on) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (on)
+    streaming.insert(key);
+  else
+    streaming.erase(key);
 }
 
 void VideoStream::NodeShared::own(const Key& key, const VideoStream* self, bool owns) {
@@ -467,14 +487,18 @@ int VideoStream::metaFmt(v4l2_format* fmt) {
 }
 
 int VideoStream::setFmt(v4l2_format* fmt) {
-  if (!captureNode_) return fmt->type == V4L2_BUF_TYPE_META_CAPTURE ? metaFmt(fmt) : EINVAL;
+  // The queue is the node's: buffers held by any descriptor fix the format.
+  if (!captureNode_) {
+    if (fmt->type != V4L2_BUF_TYPE_META_CAPTURE) return EINVAL;
+    return shared().allocated(nodeKey()) ? EBUSY : metaFmt(fmt);
+  }
   if (fmt->type != V4L2_BUF_TYPE_VIDEO_CAPTURE) return EINVAL;
   const CameraConfig config = camera_->config();
   const VideoFaults& faults = config.videoFaults;
   if (faults.formatError != 0) return faults.formatError;
   if (const int busy = priorityCheck()) return busy;
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!states_.empty()) return EBUSY;
+  if (!states_.empty() || shared().allocated(nodeKey())) return EBUSY;
   uint32_t w = fmt->fmt.pix.width;
   uint32_t h = fmt->fmt.pix.height;
   adjustSize(config.video, w, h);
@@ -539,7 +563,7 @@ int VideoStream::setParm(v4l2_streamparm* parm) {
   if (const int busy = priorityCheck()) return busy;
   const CameraConfig config = camera_->config();
   std::lock_guard<std::mutex> lock(mutex_);
-  if (streaming_) return EBUSY;
+  if (streaming_ || shared().isStreaming(nodeKey())) return EBUSY;
   loadFormatLocked();
   interval_ = nearestInterval(findSize(config.video, width_, height_), parm->parm.capture.timeperframe);
   storeFormatLocked();
@@ -680,6 +704,7 @@ int VideoStream::streamOn(const int* type) {
   if (states_.empty()) return EINVAL;
   if (streaming_) return 0;
   streaming_ = true;
+  shared().setStreaming(nodeKey(), true);
   if (!broken_) pollBits_.store(0, std::memory_order_release);
   sequence_ = 0;
   stopProducer_ = false;
@@ -693,6 +718,7 @@ int VideoStream::streamOff(const int* type) {
   if (static_cast<uint32_t>(*type) != bufferType()) return EINVAL;
   std::unique_lock<std::mutex> lock(mutex_);
   stopProducer(lock);
+  if (streaming_) shared().setStreaming(nodeKey(), false);
   streaming_ = false;
   if (!broken_) pollBits_.store(POLLERR, std::memory_order_release);
   dropReadyFramesLocked();

@@ -20,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -86,6 +87,7 @@ class VideoStream {
     std::mutex mutex;
     std::map<Key, std::array<int, 4>> byNode;
     std::map<Key, const VideoStream*> owners;
+    std::set<Key> streaming;
     struct Format {
       uint32_t width = 0;
       uint32_t height = 0;
@@ -95,7 +97,10 @@ class VideoStream {
     uint32_t highest(const Key& key);
     void change(const Key& key, uint32_t from, uint32_t to);
     bool busy(const Key& key, const VideoStream* self);  // another descriptor owns the queue
+    bool allocated(const Key& key);                      // any descriptor holds buffers
+    bool isStreaming(const Key& key);
     void own(const Key& key, const VideoStream* self, bool owns);
+    void setStreaming(const Key& key, bool on);
   };
   static NodeShared& shared();
   Key nodeKey() const;

@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -167,20 +168,33 @@ int launch(int argc, char** argv) {
   for (std::string& arg : program) args.push_back(arg.data());
   args.push_back(nullptr);
 
+  // The forwarding is in place before the program exists, and a signal sent
+  // meanwhile waits (blocked) until the program can receive it. The program
+  // starts with the dispositions and mask the launcher was given.
+  constexpr int kForwarded[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
+  sigset_t forwarded;
+  sigset_t oldMask;
+  sigemptyset(&forwarded);
+  for (int signal : kForwarded) sigaddset(&forwarded, signal);
+  ::sigprocmask(SIG_BLOCK, &forwarded, &oldMask);
   struct sigaction action {};
   action.sa_sigaction = &forward;
   action.sa_flags = SA_SIGINFO | SA_RESTART;
+  struct sigaction oldActions[std::size(kForwarded)] = {};
+  for (size_t i = 0; i < std::size(kForwarded); ++i) ::sigaction(kForwarded[i], &action, &oldActions[i]);
   gChild = ::fork();
   if (gChild < 0) {
     std::cerr << "tq-uvc-sim: fork: " << std::strerror(errno) << '\n';
     return 127;
   }
   if (gChild == 0) {
+    for (size_t i = 0; i < std::size(kForwarded); ++i) ::sigaction(kForwarded[i], &oldActions[i], nullptr);
+    ::sigprocmask(SIG_SETMASK, &oldMask, nullptr);
     ::execvp(args[0], args.data());
     std::cerr << "tq-uvc-sim: cannot run " << program[0] << ": " << std::strerror(errno) << '\n';
     ::_exit(127);
   }
-  for (int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
+  ::sigprocmask(SIG_SETMASK, &oldMask, nullptr);
   int status = 0;
   while (::waitpid(gChild, &status, 0) < 0 && errno == EINTR) {
   }

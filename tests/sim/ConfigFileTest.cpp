@@ -44,6 +44,7 @@ TEST_F(ConfigFile, SetsEveryPartOfACamera) {
 serial = "ABC 1"
 manufacturer = "Emu Vendor  "   # trailing blanks kept inside quotes
 product = Plain words
+hid-product = AB#12;x   ; a comment needs a blank before it
 register 0x0A04 = 640
 memory 0x05D0 = hex 01 02 03 00 2a
 xml = desc.xml
@@ -71,6 +72,7 @@ xml = none
   EXPECT_EQ(a.serial, "ABC 1");
   EXPECT_EQ(a.manufacturer, "Emu Vendor  ");
   EXPECT_EQ(a.product, "Plain words");
+  EXPECT_EQ(a.hidProductText, "AB#12;x") << "bare values keep '#' and ';' inside a word";
   EXPECT_EQ(a.memory.at(0x0500), "Emu Vendor  ") << "identity memory follows the identity";
   EXPECT_EQ(a.memory.at(0x05F0), "ABC 1");
   EXPECT_EQ(a.memory.at(0x05D0), std::string("\x01\x02\x03\x00\x2a", 5));

@@ -104,10 +104,25 @@ TEST_F(HidrawNode, AnswersReachEveryReader) {
   start();
   const int other = open("/dev/hidraw0", O_RDWR);
   ASSERT_GE(other, 0);
-  const auto answer = transact(fd_, command(0x5C, {0, 0x04, 0x0A, 0, 0, 0}));
+  const auto read = command(0x5C, {0, 0x04, 0x0A, 0, 0, 0});
+  const auto answer = transact(fd_, read);
   ASSERT_EQ(answer.size(), 64u);
   EXPECT_EQ(readReport(other, 2000), answer);
   close(other);
+
+  // A writer that closes at once (a shell's redirection): the device still
+  // answers, to the readers left, whether the answer is due now or later.
+  for (const uint32_t lateMs : {0u, 300u}) {
+    SCOPED_TRACE(lateMs);
+    tqsim::HidFaults faults;
+    faults.lateAnswerMs = lateMs;
+    ASSERT_TRUE(tqsim::setHidFaults(id_, faults));
+    const int writer = open("/dev/hidraw0", O_WRONLY);
+    ASSERT_GE(writer, 0);
+    ASSERT_EQ(write(writer, read.data(), read.size()), static_cast<ssize_t>(read.size()));
+    close(writer);
+    EXPECT_EQ(readReport(fd_, 5000), answer);
+  }
 }
 
 TEST_F(HidrawNode, AnswersEachCommandWithItsLayout) {

@@ -139,6 +139,38 @@ TEST_F(Launcher, V4l2ToolsFindDescribeAndStreamTheCamera) {
   EXPECT_NE(result.out.find("streamed\n"), std::string::npos) << result.out << result.err;
 }
 
+// Two processes on one node: while one streams, the other can neither change
+// the format nor the rate (the queue is the node's, as with uvcvideo).
+TEST_F(Launcher, AStreamingProcessKeepsItsFormatAndRate) {
+  if (access("/usr/bin/v4l2-ctl", X_OK) != 0)
+    GTEST_SKIP() << "v4l2-ctl is not installed (apt-get install v4l-utils)";
+  const auto result =
+      launch({"--", "sh", "-c",
+              "v4l2-ctl -d /dev/video0 --stream-mmap --stream-count=60 >\"$TMPDIR/frames\" 2>&1 & "
+              "i=0; until [ -s \"$TMPDIR/frames\" ] || [ $i -gt 400 ]; do i=$((i+1)); sleep 0.025; done; "
+              "v4l2-ctl -d /dev/video0 --set-fmt-video=width=640,height=480 || echo format refused; "
+              "v4l2-ctl -d /dev/video0 --set-parm=15 || echo rate refused; "
+              "wait; v4l2-ctl -d /dev/video0 --set-fmt-video=width=640,height=480 && echo format taken"});
+  EXPECT_EQ(result.out,
+            "VIDIOC_S_FMT: failed: Device or resource busy\nformat refused\n"
+            "VIDIOC_S_PARM: failed: Device or resource busy\nrate refused\nformat taken\n")
+      << result.err;
+}
+
+// The V4L2 conformance tool finds nothing to fail, with and without streaming.
+TEST_F(Launcher, V4l2ComplianceFindsNoFailure) {
+  if (access("/usr/bin/v4l2-compliance", X_OK) != 0)
+    GTEST_SKIP() << "v4l2-compliance is not installed (apt-get install v4l-utils)";
+  for (const char* streaming : {"", "-s"}) {
+    SCOPED_TRACE(streaming);
+    std::vector<std::string> argv{"--", "v4l2-compliance", "-d", "/dev/video0"};
+    if (*streaming != '\0') argv.push_back(streaming);
+    const auto result = launch(argv);
+    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_NE(result.out.find(", Failed: 0, "), std::string::npos) << result.out << result.err;
+  }
+}
+
 // plug, unplug, replug and fault reach a running launcher from outside.
 TEST_F(Launcher, CommandsFromOutsideActOnTheRunningCameras) {
   // Each step waits (bounded) for what the next command changes.

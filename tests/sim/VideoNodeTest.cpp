@@ -204,8 +204,52 @@ TEST_F(VideoNode, DescriptorsShareTheNodeAsWithADriver) {
   ASSERT_EQ(ioctl(a, VIDIOC_REQBUFS, &req), 0);
   EXPECT_EQ(ioctl(b, VIDIOC_REQBUFS, &req), -1);
   EXPECT_EQ(errno, EBUSY);
+
+  // The queue is the node's: while a holds buffers nobody changes the
+  // format, and while it streams nobody changes the rate.
+  v4l2_streamparm parm{};
+  parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  parm.parm.capture.timeperframe = {1, 15};
+  v4l2_format other = captureFormat(640, 480);
+  EXPECT_EQ(ioctl(b, VIDIOC_S_FMT, &other), -1);
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_EQ(ioctl(b, VIDIOC_TRY_FMT, &other), 0) << "trying changes nothing";
+  EXPECT_EQ(ioctl(b, VIDIOC_S_PARM, &parm), 0) << "buffers alone do not fix the rate";
+  for (uint32_t i = 0; i < 2; ++i) {
+    v4l2_buffer buf{};
+    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buf.memory = V4L2_MEMORY_MMAP;
+    buf.index = i;
+    ASSERT_EQ(ioctl(a, VIDIOC_QBUF, &buf), 0);
+  }
+  int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  ASSERT_EQ(ioctl(a, VIDIOC_STREAMON, &type), 0);
+  other = captureFormat(1280, 960);
+  EXPECT_EQ(ioctl(b, VIDIOC_S_FMT, &other), -1);
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_EQ(ioctl(b, VIDIOC_S_PARM, &parm), -1);
+  EXPECT_EQ(errno, EBUSY);
+  ASSERT_EQ(ioctl(a, VIDIOC_G_FMT, &seen), 0);
+  EXPECT_EQ(seen.fmt.pix.width, 320u);
+  ASSERT_EQ(ioctl(a, VIDIOC_STREAMOFF, &type), 0);
+  EXPECT_EQ(ioctl(b, VIDIOC_S_PARM, &parm), 0);
   req.count = 0;
   ASSERT_EQ(ioctl(a, VIDIOC_REQBUFS, &req), 0);
+  EXPECT_EQ(ioctl(b, VIDIOC_S_FMT, &other), 0) << "free again once a released its buffers";
+
+  // The metadata node likewise.
+  const int metaA = openNode("/dev/video1");
+  const int metaB = openNode("/dev/video1");
+  v4l2_requestbuffers metaReq{};
+  metaReq.count = 1;
+  metaReq.type = V4L2_BUF_TYPE_META_CAPTURE;
+  metaReq.memory = V4L2_MEMORY_MMAP;
+  ASSERT_EQ(ioctl(metaA, VIDIOC_REQBUFS, &metaReq), 0);
+  v4l2_format meta{};
+  meta.type = V4L2_BUF_TYPE_META_CAPTURE;
+  EXPECT_EQ(ioctl(metaB, VIDIOC_S_FMT, &meta), -1);
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_EQ(ioctl(metaB, VIDIOC_G_FMT, &meta), 0);
 
   uint32_t priority = V4L2_PRIORITY_RECORD;
   ASSERT_EQ(ioctl(a, VIDIOC_S_PRIORITY, &priority), 0);
@@ -225,7 +269,8 @@ TEST_F(VideoNode, WaitsBehaveAsTheDriversDo) {
   ASSERT_EQ(poll(&p, 1, 5000), 1) << "no wait before STREAMON";
   EXPECT_EQ(p.revents, POLLERR);
 
-  startStreaming(fd, 2);
+  // Enough buffers that the producer still has work when the descriptor closes.
+  startStreaming(fd, 8);
   v4l2_buffer buf{};
   buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
   buf.memory = V4L2_MEMORY_MMAP;
@@ -233,16 +278,71 @@ TEST_F(VideoNode, WaitsBehaveAsTheDriversDo) {
   ASSERT_EQ(ioctl(fd, VIDIOC_DQBUF, &buf), 0) << strerror(errno);
   EXPECT_EQ(buf.sequence, 0u);
 
-  // A plain close ends the stream: nothing writes to the number afterwards.
+  // A plain close ends the stream: nothing writes to the number afterwards,
+  // checked once another camera has made two frames (the old producer would
+  // have written within one).
+  tqsim::CameraConfig second = tqsim::defaultCameraConfig();
+  second.hidrawNumber = 1;
+  second.videoNumber = 2;
+  second.metadataVideoNumber = 3;
+  const tqsim::CameraId other = plug(second);
+  const int clock = openNode("/dev/video2");
+  startStreaming(clock, 2);
   close(fd);
   forget(fd);
   EXPECT_EQ(tqsim::openVideoNodes(id), 0);
-  const int reused = memfd_create("reused", MFD_CLOEXEC);
-  ASSERT_GE(reused, 0);
+  // A lower number may be free: put the new file on the closed one.
+  const int memfd = memfd_create("reused", MFD_CLOEXEC);
+  ASSERT_GE(memfd, 0);
+  const int reused = memfd == fd ? memfd : dup2(memfd, fd);
+  if (memfd != fd) close(memfd);
+  ASSERT_EQ(reused, fd);
+  const uint32_t before = tqsim::videoFramesProduced(other);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (tqsim::videoFramesProduced(other) < before + 2 && std::chrono::steady_clock::now() < deadline) {
+    pollfd frame{clock, POLLIN, 0};
+    if (poll(&frame, 1, 100) == 1) {
+      v4l2_buffer taken{};
+      taken.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+      taken.memory = V4L2_MEMORY_MMAP;
+      ASSERT_EQ(ioctl(clock, VIDIOC_DQBUF, &taken), 0);
+      ASSERT_EQ(ioctl(clock, VIDIOC_QBUF, &taken), 0);
+    }
+  }
+  ASSERT_GE(tqsim::videoFramesProduced(other), before + 2) << "the other camera made no frames";
   struct stat st {};
   ASSERT_EQ(fstat(reused, &st), 0);
   EXPECT_EQ(st.st_size, 0);
   close(reused);
+}
+
+// Records through the control API are bounded like the configuration file's.
+TEST_F(VideoNode, ApiRefusesFrameSizesTheFileRefuses) {
+  tqsim::CameraConfig huge = tqsim::defaultCameraConfig();
+  huge.video.sizes.front().width = 65535;
+  huge.video.sizes.front().height = 65535;
+  std::string error;
+  EXPECT_EQ(tqsim::plugCamera(huge, &error), tqsim::kNoCamera);
+  EXPECT_EQ(error, "frame size 65535x65535 out of range (1..16384 each)");
+
+  const tqsim::CameraId id = plug(tqsim::defaultCameraConfig());
+  error.clear();
+  EXPECT_FALSE(tqsim::modifyCamera(
+      id, [](tqsim::CameraConfig& c) { c.video.sizes.front().height = 0; }, &error));
+  EXPECT_EQ(error, "frame size 1280x0 out of range (1..16384 each)");
+  tqsim::CameraConfig kept;
+  ASSERT_TRUE(tqsim::cameraConfig(id, kept));
+  EXPECT_EQ(kept.video.sizes.front().height, 960u) << "a refused change changes nothing";
+
+  // The largest side is taken, and its frame size fits sizeimage.
+  ASSERT_TRUE(tqsim::modifyCamera(id, [](tqsim::CameraConfig& c) {
+    c.video.sizes = {{tqsim::kMaxFrameSide, tqsim::kMaxFrameSide, tqsim::IntervalKind::Discrete, {{1, 5}}}};
+  }));
+  const int fd = openNode("/dev/video0");
+  v4l2_format fmt{};
+  fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  ASSERT_EQ(ioctl(fd, VIDIOC_G_FMT, &fmt), 0);
+  EXPECT_EQ(fmt.fmt.pix.sizeimage, 16384u * 16384u * 2u);
 }
 
 TEST_F(VideoNode, SysfsAndDevShowTheNodesAsTheKernelDoes) {

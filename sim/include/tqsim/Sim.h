@@ -64,9 +64,11 @@ bool setVideoFaults(CameraId id, const VideoFaults& faults);
 bool setUdevFaults(CameraId id, const UdevFaults& faults);
 // Any other change, in effect at once (identity and node numbers included; a
 // plugged camera's nodes move as if re-plugged elsewhere). fn works on a copy
-// of the record; false when the id is unknown or the new node numbers are
-// taken by another plugged camera or out of range (nothing changes then).
-bool modifyCamera(CameraId id, const std::function<void(CameraConfig&)>& fn);
+// of the record; false with the reason in *error when the id is unknown, the
+// new node numbers are taken by another plugged camera or out of range, or a
+// frame size is out of 1..kMaxFrameSide (nothing changes then). plugCamera
+// refuses the same records.
+bool modifyCamera(CameraId id, const std::function<void(CameraConfig&)>& fn, std::string* error = nullptr);
 
 // Every output report the camera received, exactly as written (report id
 // first), oldest first.
