@@ -123,7 +123,7 @@ class UsbCamRig : public Rig {
     }
     running_[serial] = pid;
     Nodes found;
-    if (!waitFor([&] { return complete(found = sysfsNodes(serial)); }, std::chrono::seconds(20)))
+    if (!waitFor([&] { return complete(found = nodesOf(serial)); }, std::chrono::seconds(20)))
       return fail(
           error, serial + " attached, but its nodes did not appear within 20 s (found " + found.text() + ")");
     if (nodes != nullptr) *nodes = found;
@@ -137,8 +137,8 @@ class UsbCamRig : public Rig {
     running_.erase(it);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
       return fail(error, program_ + " for " + serial + " ended with status " + std::to_string(status));
-    if (!waitFor([&] { return absent(sysfsNodes(serial)); }, std::chrono::seconds(20)))
-      return fail(error, serial + " unplugged, but its nodes stayed: " + sysfsNodes(serial).text());
+    if (!waitFor([&] { return absent(nodesOf(serial)); }, std::chrono::seconds(20)))
+      return fail(error, serial + " unplugged, but its nodes stayed: " + nodesOf(serial).text());
     return true;
   }
 
@@ -157,6 +157,15 @@ class UsbCamRig : public Rig {
   std::string describe() const override { return "USB cameras served by " + program_; }
 
  private:
+  // A camera whose video function carries another serial (a fault) shows its
+  // video node under that serial.
+  Nodes nodesOf(const std::string& serial) const {
+    Nodes n = sysfsNodes(serial);
+    for (const std::string& f : faults_)
+      if (f.rfind("video-serial=", 0) == 0) n.video = sysfsNodes(f.substr(13)).video;
+    return n;
+  }
+
   static bool fail(std::string* error, const std::string& why) {
     if (error != nullptr) *error = why;
     return false;
