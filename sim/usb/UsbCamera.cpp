@@ -17,7 +17,6 @@ constexpr uint8_t kTypeMask = 0x60;
 constexpr uint8_t kTypeStandard = 0x00;
 constexpr uint8_t kTypeClass = 0x20;
 constexpr uint8_t kRecipientMask = 0x1F;
-constexpr uint8_t kRecipientDevice = 0;
 constexpr uint8_t kRecipientInterface = 1;
 constexpr uint8_t kRecipientEndpoint = 2;
 
@@ -274,7 +273,6 @@ UsbCamera::Reply UsbCamera::control(const uint8_t setup[8], const std::vector<ui
 
 UsbCamera::Reply UsbCamera::standardRequest(uint8_t type, uint8_t request, uint16_t value, uint16_t index) {
   const uint8_t recipient = type & kRecipientMask;
-  const Reply stall{true, {}};
   const auto interfaceExists = [&](int number) {
     return number >= 0 && (number == interfaces_.videoControl || number == interfaces_.videoStreaming ||
                            number == interfaces_.hid);
@@ -288,7 +286,7 @@ UsbCamera::Reply UsbCamera::standardRequest(uint8_t type, uint8_t request, uint1
     case kSetFeature: {
       if (recipient != kRecipientEndpoint) return Reply{};
       // ENDPOINT_HALT is the only endpoint feature.
-      if (value != 0) return stall;
+      if (value != 0) return stalled();
       const auto endpoint = static_cast<uint8_t>(index & 0xFF);
       haltedEndpoints_.erase(std::remove(haltedEndpoints_.begin(), haltedEndpoints_.end(), endpoint),
                              haltedEndpoints_.end());
@@ -296,7 +294,7 @@ UsbCamera::Reply UsbCamera::standardRequest(uint8_t type, uint8_t request, uint1
         haltedEndpoints_.push_back(endpoint);
         return Reply{};
       }
-      if (stalls("clear-halt")) return stall;
+      if (stalls("clear-halt")) return stalled();
       // uvcvideo tells a bulk camera that streaming stopped with this.
       if (endpoint == kVideoEndpoint) stream_.stop();
       return Reply{};
@@ -307,9 +305,9 @@ UsbCamera::Reply UsbCamera::standardRequest(uint8_t type, uint8_t request, uint1
       const uint8_t kind = value >> 8;
       const uint8_t number = value & 0xFF;
       if (recipient == kRecipientInterface) {
-        if (static_cast<int>(index) != interfaces_.hid) return stall;
+        if (static_cast<int>(index) != interfaces_.hid) return stalled();
         if (kind == kDtHidReport) {
-          if (stalls("report-descriptor")) return stall;
+          if (stalls("report-descriptor")) return stalled();
           return Reply{false, hidReportDescriptor()};
         }
         if (kind == kDtHid) {
@@ -319,58 +317,57 @@ UsbCamera::Reply UsbCamera::standardRequest(uint8_t type, uint8_t request, uint1
             if (c[at + 1] == kDtHid) return Reply{false, {c.begin() + at, c.begin() + at + c[at]}};
           }
         }
-        return stall;
+        return stalled();
       }
       switch (kind) {
         case kDtDevice:
           return Reply{false, deviceDescriptor(config_, options_.functions)};
         case kDtConfiguration:
-          return number == 0 ? Reply{false, configuration_} : stall;
+          return number == 0 ? Reply{false, configuration_} : stalled();
         case kDtString: {
-          if (stalls("string") && number != 0) return stall;
+          if (stalls("string") && number != 0) return stalled();
           std::vector<uint8_t> text = stringDescriptor(config_, options_.serial, number);
-          return text.empty() ? stall : Reply{false, std::move(text)};
+          return text.empty() ? stalled() : Reply{false, std::move(text)};
         }
         case kDtQualifier:
           return Reply{false, deviceQualifier(options_.functions)};
         default:
-          return stall;  // other speed configuration, BOS, ...
+          return stalled();  // other speed configuration, BOS, ...
       }
     }
     case kGetConfiguration:
       return Reply{false, {configurationValue_}};
     case kSetConfiguration:
-      if (value > 1 || stalls("set-configuration")) return stall;
+      if (value > 1 || stalls("set-configuration")) return stalled();
       configurationValue_ = static_cast<uint8_t>(value);
       haltedEndpoints_.clear();
       stream_.stop();
       return Reply{};
     case kGetInterface:
-      if (!interfaceExists(index) || configurationValue_ == 0) return stall;
+      if (!interfaceExists(index) || configurationValue_ == 0) return stalled();
       return Reply{false, {0}};
     case kSetInterface:
       // Every interface has alternate setting 0 only.
       if (!interfaceExists(index) || value != 0 || configurationValue_ == 0 || stalls("set-interface")) {
-        return stall;
+        return stalled();
       }
       if (static_cast<int>(index) == interfaces_.videoStreaming) stream_.stop();
       return Reply{};
     default:
-      return stall;
+      return stalled();
   }
 }
 
 UsbCamera::Reply UsbCamera::hidRequest(uint8_t request, uint16_t value, uint16_t length,
                                        const std::vector<uint8_t>& outData, Clock::time_point now) {
-  const Reply stall{true, {}};
   const uint8_t reportType = value >> 8;
   const uint8_t reportId = value & 0xFF;
   switch (request) {
     case kHidGetReport: {
-      if (stalls("get-report")) return stall;
+      if (stalls("get-report")) return stalled();
       if (reportType == kReportFeature && reportId == 1) {
         std::array<uint8_t, kFeatureReportSize> feature{};
-        if (!camera_->featureRead(feature)) return stall;
+        if (!camera_->featureRead(feature)) return stalled();
         // File data from byte 0, no report id in front: the kernel hands
         // these bytes to the reader unchanged.
         size_t count = feature.size();
@@ -384,30 +381,29 @@ UsbCamera::Reply UsbCamera::hidRequest(uint8_t request, uint16_t value, uint16_t
         report[0] = reportId;
         return Reply{false, std::move(report)};
       }
-      return stall;
+      return stalled();
     }
     case kHidSetReport:
-      if (stalls("set-report")) return stall;
+      if (stalls("set-report")) return stalled();
       if (reportType == kReportOutput) {
         outputReport(outData, now);
         return Reply{};
       }
       // Feature writes are taken and ignored: the camera has no settable feature.
-      return reportType == kReportFeature ? Reply{} : stall;
+      return reportType == kReportFeature ? Reply{} : stalled();
     case kHidSetIdle:
-      if (stalls("set-idle")) return stall;
+      if (stalls("set-idle")) return stalled();
       hidIdle_ = static_cast<uint8_t>(value >> 8);
       return Reply{};
     case kHidGetIdle:
-      return length == 0 ? stall : Reply{false, {hidIdle_}};
+      return length == 0 ? stalled() : Reply{false, {hidIdle_}};
     default:
-      return stall;  // no boot protocol
+      return stalled();  // no boot protocol
   }
 }
 
 UsbCamera::Reply UsbCamera::uvcRequest(uint8_t request, uint16_t value, uint16_t index,
                                        const std::vector<uint8_t>& outData, Clock::time_point now) {
-  const Reply stall{true, {}};
   const int interface = index & 0xFF;
   const uint8_t entity = index >> 8;
   const uint8_t selector = value >> 8;
@@ -419,10 +415,10 @@ UsbCamera::Reply UsbCamera::uvcRequest(uint8_t request, uint16_t value, uint16_t
     }
     if (entity == 0 && selector == kVcRequestErrorCode && request == kUvcGetInfo) return Reply{false, {0x01}};
     vcErrorCode_ = entity == 0 ? kUvcErrorInvalidRequest : kUvcErrorInvalidControl;
-    return stall;
+    return stalled();
   }
-  if (entity != 0 || (selector != kVsProbe && selector != kVsCommit)) return stall;
-  if (stalls(selector == kVsProbe ? "probe" : "commit")) return stall;
+  if (entity != 0 || (selector != kVsProbe && selector != kVsCommit)) return stalled();
+  if (stalls(selector == kVsProbe ? "probe" : "commit")) return stalled();
   switch (request) {
     case kUvcSetCur: {
       StreamControl requested = selector == kVsProbe ? stream_.probe() : stream_.committed();
@@ -448,7 +444,7 @@ UsbCamera::Reply UsbCamera::uvcRequest(uint8_t request, uint16_t value, uint16_t
     case kUvcGetInfo:
       return Reply{false, {0x03}};  // GET and SET supported
     default:
-      return stall;
+      return stalled();
   }
 }
 

@@ -65,6 +65,7 @@ class UsbCamera {
     bool stall = false;
     std::vector<uint8_t> data;  // IN data; OUT: nothing
   };
+  static Reply stalled() { return Reply{true, {}}; }
   struct PendingReport {
     std::vector<uint8_t> report;
     Clock::time_point due;

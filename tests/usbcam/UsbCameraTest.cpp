@@ -366,9 +366,14 @@ TEST(UsbCamera, StreamsCommittedFramesWithPayloadHeaders) {
     lastFid = flags[0] & 1;
   }
 
-  // CLEAR_FEATURE(HALT) on the endpoint stops the stream: queued transfers stay
+  // CLEAR_FEATURE(HALT) on the endpoint stops the stream. Payloads due before
+  // it may still come ahead of its answer; after it, queued transfers stay
   // unanswered, so the next answer is the following control request's.
-  EXPECT_EQ(link.control(0x02, 1, 0, 0x81, 0).status, 0);
+  const uint8_t clearHalt[8] = {0x02, 1, 0, 0, 0x81, 0, 0, 0};
+  const uint32_t clear = link.submitIn(false, 0, 0, clearHalt);
+  Ret ret = link.receive();
+  while (ret.command == kRetSubmit && ret.seqnum != clear) ret = link.receive();
+  EXPECT_EQ(ret.status, 0);
   link.submitIn(true, 1, kMaxPayload);
   EXPECT_EQ(link.control(0x80, 0, 0, 0, 2).data, (std::vector<uint8_t>{0, 0}));
 }
