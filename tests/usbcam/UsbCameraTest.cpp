@@ -281,6 +281,11 @@ TEST(UsbCamera, HidCommandsAnswerOnTheInterruptEndpoint) {
   EXPECT_EQ(unlinked.status, kStatusUnlinked);
   link.unlink(in);
   EXPECT_EQ(link.receive().status, kStatusOk);
+  // The next answer goes to a live transfer, never to the unlinked one.
+  const uint32_t fresh = link.submitIn(true, 2, 64);
+  link.submitIn(false, 2, 8, nullptr, {0x01, 0x5C, 0x00, 0x08, 0x0A, 0, 0, 0});
+  link.receive();
+  EXPECT_EQ(link.receive().seqnum, fresh);
 }
 
 TEST(UsbCamera, FeatureReadCarriesFileDataFromByteZero) {
