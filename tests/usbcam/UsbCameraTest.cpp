@@ -244,6 +244,33 @@ TEST(UsbCamera, EnumeratesAsTheReferenceCamera) {
   EXPECT_EQ(link.control(0x00, 11, 1, 1, 0).status, kStatusStall);      // alternate setting 1
 }
 
+// A camera split over two devices (the video-serial fault) numbers each
+// device's interfaces from 0, and only the video device announces an IAD.
+TEST(UsbCamera, SplitLayoutsNumberTheirInterfacesFromZero) {
+  struct Case {
+    Functions functions;
+    uint8_t deviceClass;
+    std::vector<std::pair<uint8_t, uint8_t>> interfaces;  // number, class
+  } cases[] = {
+      {{true, true}, 0xEF, {{0, 0x0E}, {1, 0x0E}, {2, 0x03}}},
+      {{false, true}, 0x00, {{0, 0x03}}},
+      {{true, false}, 0xEF, {{0, 0x0E}, {1, 0x0E}}},
+  };
+  const tqsim::CameraConfig config = tqsim::defaultCameraConfig();
+  for (const Case& c : cases) {
+    const std::vector<uint8_t> device = deviceDescriptor(config, c.functions);
+    EXPECT_EQ(device[4], c.deviceClass);
+    const std::vector<uint8_t> configuration = configurationDescriptor(config, c.functions);
+    EXPECT_EQ(le16(configuration, 2), configuration.size());
+    EXPECT_EQ(configuration[4], c.interfaces.size());
+    std::vector<std::pair<uint8_t, uint8_t>> found;
+    for (size_t at = 0; at + 1 < configuration.size(); at += configuration[at]) {
+      if (configuration[at + 1] == 0x04) found.emplace_back(configuration[at + 2], configuration[at + 5]);
+    }
+    EXPECT_EQ(found, c.interfaces);
+  }
+}
+
 TEST(UsbCamera, HidCommandsAnswerOnTheInterruptEndpoint) {
   Link link;
   link.configure();
