@@ -75,5 +75,6 @@ class TqUvcCtrlChan : public TqUvcChannel {
   uint32_t capabilities;
   uint32_t ownDevice;
   uint32_t hidCamIndex;
-  uint32_t timeout;
+  // A connect on one handle rewrites it while another handle of the camera reads.
+  std::atomic<uint32_t> timeout;
 };
