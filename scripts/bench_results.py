@@ -110,6 +110,15 @@ def main(paths):
     widths = [max(len(str(row[i])) for row in cells) for i in range(len(headers))]
     for row in cells:
         print("  ".join(str(c).ljust(w) for c, w in zip(row, widths)).rstrip())
+    # For reference, no goal: how much of a stop is the driver's own tear-down.
+    for name in runs:
+        if name.startswith("RawV4l2Stop/"):
+            dims = name.split("/", 1)[1]
+            api = runs.get(f"ApiStreamStop/{dims}")
+            if api is not None:
+                raw = runs[name]["seconds"]
+                print(f"reference: ApiStreamStop/{dims} {fmt_time(api['seconds'])} = "
+                      f"{api['seconds'] / raw:.2f} x the driver's own tear-down ({name} {fmt_time(raw)})")
     for line in failed:
         print(f"FAILED {line}")
     met = sum(1 for r in table if r[6])

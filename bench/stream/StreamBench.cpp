@@ -9,7 +9,8 @@
 //                     mmap loop on the same node copying into one buffer.
 //   ApiStreamStop/W/H TqUvcStreamStop while frames arrive (compare with one
 //                     frame interval of ApiStreamFps), ApiStreamStop/idle
-//                     while the camera sends nothing.
+//                     while the camera sends nothing; RawV4l2Stop/W/H is the
+//                     driver's own tear-down of the same stream, for reference.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <libv4l2.h>
@@ -325,6 +326,37 @@ void stopLatency(benchmark::State& state, int width, int height, bool idle) {
 }
 
 void ApiStreamStop(benchmark::State& state) { stopLatency(state, widthOf(state), heightOf(state), false); }
+
+// What the driver alone costs to stop the same free-running stream: STREAMOFF,
+// unmapping the buffers and closing the node, the tear-down a stop must do.
+void RawV4l2Stop(benchmark::State& state) {
+  const int width = widthOf(state);
+  const int height = heightOf(state);
+  tqsim::reset();
+  tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
+  config.video.freeRun = true;
+  std::string error;
+  if (tqsim::plugCamera(config, &error) == tqsim::kNoCamera) {
+    state.SkipWithError(("cannot plug the camera: " + error).c_str());
+    tqsim::reset();
+    return;
+  }
+  for (auto _ : state) {
+    auto capture = std::make_unique<RawCapture>("/dev/video0", width, height);
+    error = capture->error();
+    // As for the library: frames flowing, every buffer mapped and read.
+    for (int i = 0; i < 8 && error.empty(); ++i)
+      if (!capture->frame()) error = "no frame arrived";
+    if (!error.empty()) {
+      state.SkipWithError(error.c_str());
+      break;
+    }
+    const auto begin = Clock::now();
+    capture.reset();
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - begin).count());
+  }
+  tqsim::reset();
+}
 void ApiStreamStopIdle(benchmark::State& state) { stopLatency(state, 640, 480, true); }
 
 void frameSizes(benchmark::internal::Benchmark* b) {
@@ -337,6 +369,12 @@ BENCHMARK(ApiStreamFps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicr
 BENCHMARK(RawV4l2Fps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
 // A fixed count bounds the run: every start settles for 100 ms.
 BENCHMARK(ApiStreamStop)
+    ->Args({640, 480})
+    ->Args({1920, 1080})
+    ->Iterations(20)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(RawV4l2Stop)
     ->Args({640, 480})
     ->Args({1920, 1080})
     ->Iterations(20)
