@@ -101,8 +101,11 @@ void appendVideo(std::vector<uint8_t>& out, const CameraConfig& config, const In
     put16(out, frame.width);
     put16(out, frame.height);
     const uint64_t bitsPerFrame = static_cast<uint64_t>(frame.frameBytes()) * 8;
-    const uint32_t slowest = *std::max_element(frame.intervals.begin(), frame.intervals.end());
-    const uint32_t fastest = *std::min_element(frame.intervals.begin(), frame.intervals.end());
+    // A continuous range is min, max, step: the step is no rate.
+    const auto rates =
+        frame.intervals.begin() + (frame.continuous ? 2 : static_cast<long>(frame.intervals.size()));
+    const uint32_t slowest = *std::max_element(frame.intervals.begin(), rates);
+    const uint32_t fastest = *std::min_element(frame.intervals.begin(), rates);
     put32(out, static_cast<uint32_t>(std::min<uint64_t>(bitsPerFrame * 10000000u / slowest, 0xFFFFFFFFu)));
     put32(out, static_cast<uint32_t>(std::min<uint64_t>(bitsPerFrame * 10000000u / fastest, 0xFFFFFFFFu)));
     put32(out, frame.frameBytes());
@@ -147,7 +150,7 @@ std::vector<UvcFrame> uvcFrames(const VideoConfig& video) {
     frame.width = static_cast<uint16_t>(std::min<uint32_t>(size.width, 0xFFFF));
     frame.height = static_cast<uint16_t>(std::min<uint32_t>(size.height, 0xFFFF));
     frame.continuous = size.intervalKind != IntervalKind::Discrete && size.intervals.size() >= 3;
-    const size_t count = frame.continuous ? 3 : std::min<size_t>(size.intervals.size(), 255);
+    const size_t count = frame.continuous ? 3 : std::min(size.intervals.size(), kMaxDiscreteIntervals);
     for (size_t i = 0; i < count; ++i) frame.intervals.push_back(toHundredNs(size.intervals[i]));
     if (frame.intervals.empty()) frame.intervals.push_back(toHundredNs(FrameInterval{}));
     frame.defaultInterval = frame.intervals.front();
@@ -196,6 +199,18 @@ std::vector<uint8_t> configurationDescriptor(const CameraConfig& config, const F
   if (functions.video) appendVideo(out, config, numbers);
   if (functions.hid) appendHid(out, numbers);
   set16(out, 2, out.size());
+  return out;
+}
+
+std::vector<uint8_t> otherSpeedConfiguration(const CameraConfig& config, const Functions& functions) {
+  std::vector<uint8_t> out = configurationDescriptor(config, functions);
+  out[1] = 0x07;
+  for (size_t at = 0; at + 6 < out.size() && out[at] != 0; at += out[at]) {
+    if (out[at + 1] != 0x05) continue;
+    const uint8_t transfer = out[at + 3] & 0x03;
+    if (transfer == 0x02) set16(out, at + 4, 64);
+    if (transfer == 0x03) out[at + 6] = 1;
+  }
   return out;
 }
 

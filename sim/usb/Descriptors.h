@@ -57,11 +57,16 @@ struct UvcFrame {
   uint32_t defaultInterval = 0;
   uint32_t frameBytes() const { return static_cast<uint32_t>(width) * height * 2; }
 };
-// At most 255 frames, sides up to 65535 (what the descriptors can carry).
+// At most 255 frames, sides up to 65535, and as many discrete intervals a
+// size as fit a frame descriptor's one-byte length (26 + 4 per interval).
+constexpr size_t kMaxDiscreteIntervals = (255 - 26) / 4;
 std::vector<UvcFrame> uvcFrames(const VideoConfig& video);
 
 std::vector<uint8_t> deviceDescriptor(const CameraConfig& config, const Functions& functions);
 std::vector<uint8_t> deviceQualifier(const Functions& functions);
+// The configuration as it would be at full speed (the qualifier says the
+// device can run there): bulk packets of 64 bytes, interrupt every 1 ms.
+std::vector<uint8_t> otherSpeedConfiguration(const CameraConfig& config, const Functions& functions);
 std::vector<uint8_t> configurationDescriptor(const CameraConfig& config, const Functions& functions);
 const std::vector<uint8_t>& hidReportDescriptor();
 // String descriptor `index` (0: the language list); empty when there is none.

@@ -36,6 +36,7 @@ constexpr uint8_t kDtDevice = 1;
 constexpr uint8_t kDtConfiguration = 2;
 constexpr uint8_t kDtString = 3;
 constexpr uint8_t kDtQualifier = 6;
+constexpr uint8_t kDtOtherSpeedConfiguration = 7;
 constexpr uint8_t kDtHid = 0x21;
 constexpr uint8_t kDtHidReport = 0x22;
 
@@ -53,6 +54,7 @@ constexpr uint8_t kUvcSetCur = 0x01;
 constexpr uint8_t kUvcGetCur = 0x81;
 constexpr uint8_t kUvcGetMin = 0x82;
 constexpr uint8_t kUvcGetMax = 0x83;
+constexpr uint8_t kUvcGetRes = 0x84;
 constexpr uint8_t kUvcGetLen = 0x85;
 constexpr uint8_t kUvcGetInfo = 0x86;
 constexpr uint8_t kUvcGetDef = 0x87;
@@ -277,10 +279,21 @@ UsbCamera::Reply UsbCamera::standardRequest(uint8_t type, uint8_t request, uint1
     return number >= 0 && (number == interfaces_.videoControl || number == interfaces_.videoStreaming ||
                            number == interfaces_.hid);
   };
+  const auto endpointExists = [&](uint8_t endpoint) {
+    if (endpoint == kVideoEndpoint) return options_.functions.video;
+    return (endpoint == kHidInEndpoint || endpoint == kHidOutEndpoint) && options_.functions.hid;
+  };
   switch (request) {
     case kGetStatus:
-      if (recipient == kRecipientEndpoint)
-        return Reply{false, {static_cast<uint8_t>(halted(index & 0xFF)), 0}};
+      // Interfaces and endpoints other than 0 exist only once configured.
+      if (recipient == kRecipientInterface && (!interfaceExists(index) || configurationValue_ == 0))
+        return stalled();
+      if (recipient == kRecipientEndpoint) {
+        const auto endpoint = static_cast<uint8_t>(index & 0xFF);
+        if ((endpoint & 0x7F) != 0 && (!endpointExists(endpoint) || configurationValue_ == 0))
+          return stalled();
+        return Reply{false, {static_cast<uint8_t>(halted(endpoint)), 0}};
+      }
       return Reply{false, {0, 0}};
     case kClearFeature:
     case kSetFeature: {
@@ -331,8 +344,10 @@ UsbCamera::Reply UsbCamera::standardRequest(uint8_t type, uint8_t request, uint1
         }
         case kDtQualifier:
           return Reply{false, deviceQualifier(options_.functions)};
+        case kDtOtherSpeedConfiguration:
+          return number == 0 ? Reply{false, otherSpeedConfiguration(config_, options_.functions)} : stalled();
         default:
-          return stalled();  // other speed configuration, BOS, ...
+          return stalled();  // BOS, ...
       }
     }
     case kGetConfiguration:
@@ -437,6 +452,9 @@ UsbCamera::Reply UsbCamera::uvcRequest(uint8_t request, uint16_t value, uint16_t
       return Reply{false, stream_.minimum().encode()};
     case kUvcGetMax:
       return Reply{false, stream_.maximum().encode()};
+    case kUvcGetRes:
+      // All zero: every field takes only the values the descriptors list.
+      return Reply{false, StreamControl{}.encode()};
     case kUvcGetDef:
       return Reply{false, stream_.defaults().encode()};
     case kUvcGetLen:

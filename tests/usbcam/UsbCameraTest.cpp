@@ -244,6 +244,38 @@ TEST(UsbCamera, EnumeratesAsTheReferenceCamera) {
   EXPECT_EQ(link.control(0x00, 11, 1, 1, 0).status, kStatusStall);      // alternate setting 1
 }
 
+// Requests the kernel never sends but a USB 2.0 / UVC 1.1 host may: the
+// full-speed configuration the qualifier promises, status of what does not
+// exist, and the probe control's resolution.
+TEST(UsbCamera, AnswersWhatItsDescriptorsPromise) {
+  Link link;
+  EXPECT_EQ(link.control(0x81, 0, 0, 0, 2).status, kStatusStall) << "interface status before configuring";
+  EXPECT_EQ(link.control(0x82, 0, 0, 0x81, 2).status, kStatusStall) << "endpoint status before configuring";
+  EXPECT_EQ(link.control(0x82, 0, 0, 0x80, 2).data, (std::vector<uint8_t>{0, 0})) << "endpoint 0";
+  link.configure();
+  EXPECT_EQ(link.control(0x81, 0, 0, 2, 2).data, (std::vector<uint8_t>{0, 0}));
+  EXPECT_EQ(link.control(0x81, 0, 0, 3, 2).status, kStatusStall) << "interface 3";
+  EXPECT_EQ(link.control(0x82, 0, 0, 0x81, 2).data, (std::vector<uint8_t>{0, 0}));
+  EXPECT_EQ(link.control(0x82, 0, 0, 0x83, 2).status, kStatusStall) << "endpoint 0x83";
+
+  const std::vector<uint8_t> high = link.descriptor(2, 0);
+  const std::vector<uint8_t> full = link.descriptor(7, 0);
+  ASSERT_EQ(full.size(), high.size());
+  EXPECT_EQ(full[1], 7);
+  std::vector<std::vector<uint8_t>> endpoints;
+  for (size_t at = 0; at + 1 < full.size(); at += full[at]) {
+    if (full[at + 1] == 0x05) endpoints.emplace_back(full.begin() + at, full.begin() + at + full[at]);
+  }
+  ASSERT_EQ(endpoints.size(), 3u);
+  EXPECT_EQ(le16(endpoints[0], 4), 64) << "bulk packets at full speed";
+  EXPECT_EQ(endpoints[1][6], 1) << "interrupt IN every 1 ms";
+  EXPECT_EQ(endpoints[2][6], 1) << "interrupt OUT every 1 ms";
+
+  const Ret res = link.control(0xA1, 0x84, 1 << 8, 1, 34);  // GET_RES of the probe control
+  EXPECT_EQ(res.status, 0);
+  EXPECT_EQ(res.data, std::vector<uint8_t>(34, 0));
+}
+
 // A camera split over two devices (the video-serial fault) numbers each
 // device's interfaces from 0, and only the video device announces an IAD.
 TEST(UsbCamera, SplitLayoutsNumberTheirInterfacesFromZero) {
@@ -269,6 +301,40 @@ TEST(UsbCamera, SplitLayoutsNumberTheirInterfacesFromZero) {
     }
     EXPECT_EQ(found, c.interfaces);
   }
+}
+
+// A frame descriptor's length is one byte: a size with more intervals than
+// fit lists the first ones and the chain stays intact; the bit rates of a
+// continuous range come from its min and max, not its step.
+TEST(UsbCamera, FrameDescriptorsFitTheirLengthByte) {
+  tqsim::CameraConfig config = tqsim::defaultCameraConfig();
+  tqsim::FrameSize many{320, 240, tqsim::IntervalKind::Discrete, {}};
+  for (uint32_t rate = 60; rate >= 1; --rate) many.intervals.push_back({1, rate});
+  const tqsim::FrameSize range{640, 480, tqsim::IntervalKind::Continuous, {{1, 30}, {1, 5}, {1, 1000}}};
+  config.video.sizes = {many, range};
+  const std::vector<uint8_t> configuration = configurationDescriptor(config, Functions{});
+  ASSERT_EQ(le16(configuration, 2), configuration.size());
+  std::vector<std::vector<uint8_t>> frames;
+  size_t at = 0;
+  for (; at < configuration.size(); at += configuration[at]) {
+    ASSERT_GE(configuration[at], 2u) << "at byte " << at;
+    ASSERT_LE(at + configuration[at], configuration.size());
+    if (configuration[at + 1] == 0x24 && configuration[at + 2] == 0x05)
+      frames.emplace_back(configuration.begin() + at, configuration.begin() + at + configuration[at]);
+  }
+  EXPECT_EQ(at, configuration.size());
+  ASSERT_EQ(frames.size(), 2u);
+
+  EXPECT_EQ(frames[0].size(), 26u + 4 * 57);
+  EXPECT_EQ(frames[0][25], 57);  // bFrameIntervalType
+  EXPECT_EQ(le32(frames[0], 26), 10000000u / 60 + 1);
+  EXPECT_EQ(le32(frames[0], 26 + 4 * 56), 10000000u / 4);
+
+  const uint32_t bitsPerFrame = 640 * 480 * 2 * 8;
+  EXPECT_EQ(frames[1].size(), 38u);
+  EXPECT_EQ(frames[1][25], 0);                       // continuous
+  EXPECT_EQ(le32(frames[1], 9), bitsPerFrame * 5u);  // dwMinBitRate at the longest interval
+  EXPECT_EQ(le32(frames[1], 13), uint64_t{bitsPerFrame} * 10000000 / 333333);  // dwMaxBitRate at the shortest
 }
 
 TEST(UsbCamera, HidCommandsAnswerOnTheInterruptEndpoint) {
