@@ -9,26 +9,22 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "LogCapture.h"
+#include "SimCamera.h"
+#include "TestUtil.h"
 
 namespace {
 
 constexpr uint32_t kNoDevice = 0x8001;
 constexpr uint32_t kChannelFailure = 0x8FFF;
 
-tqsim::CameraConfig camera(int hidraw, int video, const std::string& serial) {
-  tqsim::CameraConfig config = tqsim::defaultCameraConfig();
-  config.hidrawNumber = hidraw;
-  config.videoNumber = video;
-  config.metadataVideoNumber = video + 1;
-  config.serial = serial;
-  return config;
-}
+using tqtest::cameraOn;
+using tqtest::plug;
+using tqtest::waitUntil;
 
 _tagTqUvcDevInfo emptyInfo(uint32_t size = sizeof(_tagTqUvcDevInfo)) {
   _tagTqUvcDevInfo info;
@@ -45,22 +41,15 @@ std::vector<uint64_t> walk() {
   return handles;
 }
 
-class ApiTest : public ::testing::Test {
+class ApiTest : public tqtest::SimFixture {
  protected:
-  void SetUp() override { tqsim::reset(); }
   void TearDown() override {
     while (initialized_-- > 0) TqUvcLibraryUninit();
-    tqsim::reset();
+    SimFixture::TearDown();
   }
   void init() {
     TqUvcLibraryInit();
     ++initialized_;
-  }
-  tqsim::CameraId plug(const tqsim::CameraConfig& config) {
-    std::string error;
-    tqsim::CameraId id = tqsim::plugCamera(config, &error);
-    EXPECT_NE(id, tqsim::kNoCamera) << error;
-    return id;
   }
 
   int initialized_ = 0;
@@ -99,10 +88,10 @@ TEST_F(ApiTest, InitIsReferenceCountedAndCallsWithoutLibraryAnswerTheFamilyCodes
 }
 
 TEST_F(ApiTest, ScanHandsOutHandlesAndFillsTheDeviceRecord) {
-  tqsim::CameraConfig first = camera(0, 0, "14ABC-0001");
+  tqsim::CameraConfig first = cameraOn(0, 0, "14ABC-0001");
   first.manufacturer = "Emu Vendor   ";
   plug(first);
-  tqsim::CameraConfig second = camera(1, 2, "99XYZ-0002");
+  tqsim::CameraConfig second = cameraOn(1, 2, "99XYZ-0002");
   second.product = "Plain Product  ";
   plug(second);
   init();
@@ -144,8 +133,8 @@ TEST_F(ApiTest, ScanHandsOutHandlesAndFillsTheDeviceRecord) {
 }
 
 TEST_F(ApiTest, RescanKeepsHandlesAndUnpluggedCamerasLeaveTheWalkButKeepTheirHandle) {
-  plug(camera(0, 0, "CAM-A"));
-  const tqsim::CameraId b = plug(camera(1, 2, "CAM-B"));
+  plug(cameraOn(0, 0, "CAM-A"));
+  const tqsim::CameraId b = plug(cameraOn(1, 2, "CAM-B"));
   init();
   TqUvcScanDevices(0, 0, 100);
   const std::vector<uint64_t> both = walk();
@@ -178,7 +167,7 @@ TEST_F(ApiTest, RescanKeepsHandlesAndUnpluggedCamerasLeaveTheWalkButKeepTheirHan
 }
 
 TEST_F(ApiTest, RegistersMemoryDescriptionFileAndManifest) {
-  tqsim::CameraConfig config = camera(0, 0, "REG-1");
+  tqsim::CameraConfig config = cameraOn(0, 0, "REG-1");
   config.registers[0x0123] = 0xCAFEF00D;
   config.memory[0x0520] = "Cam 1";
   const tqsim::CameraId id = plug(config);
@@ -216,26 +205,14 @@ TEST_F(ApiTest, RegistersMemoryDescriptionFileAndManifest) {
   uint32_t count = 0;
   EXPECT_EQ(TqUvcGetNrManifestFile(h, &count), 0u);
   EXPECT_EQ(count, 1u);
-  uint32_t manifestVersion = 0;
-  uint32_t address = 0;
+  // The entry's layout is the bootstrap tests' concern; here it comes through.
   char path[256] = {};
   char sha[41] = {};
-  ASSERT_EQ(
-      TqUvcGetManifestFileData(h, 0, &manifestVersion, &address, reinterpret_cast<uint8_t*>(path),
-                               sizeof path, nullptr, 0, nullptr, nullptr, reinterpret_cast<uint8_t*>(sha)),
-      0u);
-  std::string hex;
-  char digits[3];
-  for (uint8_t b : tqsim::xmlSha1(id)) {
-    std::snprintf(digits, sizeof digits, "%02x", b);
-    hex += digits;
-  }
-  char size[16];
-  std::snprintf(size, sizeof size, "%8.8x", static_cast<unsigned>(xml.size()));
-  EXPECT_EQ(manifestVersion, 0x04014104u);
-  EXPECT_EQ(address, 0x100000u);
-  EXPECT_EQ(std::string(path), "local:TQ_Cam_1_1.0.05_" + hex + ".xml;00100000;" + size);
-  EXPECT_EQ(std::string(sha), hex);
+  ASSERT_EQ(TqUvcGetManifestFileData(h, 0, nullptr, nullptr, reinterpret_cast<uint8_t*>(path), sizeof path,
+                                     nullptr, 0, nullptr, nullptr, reinterpret_cast<uint8_t*>(sha)),
+            0u);
+  EXPECT_EQ(std::string(path).rfind("local:TQ_Cam_1_1.0.05_" + tqtest::shaText(id) + ".xml;", 0), 0u) << path;
+  EXPECT_EQ(std::string(sha), tqtest::shaText(id));
   EXPECT_EQ(TqUvcGetManifestFileData(h, 1, nullptr, nullptr, reinterpret_cast<uint8_t*>(path), sizeof path,
                                      nullptr, 0, nullptr, nullptr, nullptr),
             0x8001u);
@@ -245,9 +222,6 @@ TEST_F(ApiTest, RegistersMemoryDescriptionFileAndManifest) {
   EXPECT_EQ(capabilities, 0u);
   uint8_t nick[] = "bench camera";
   EXPECT_EQ(TqUvcSetNickname(h, nick), 0x8008u);
-  EXPECT_EQ(TqUvcOpenMsgChan(h), kChannelFailure);
-  EXPECT_EQ(TqUvcCloseMsgChan(h), 0u);
-  EXPECT_EQ(TqUvcRegisterMsgCallback(h, nullptr, 0, 0), 0u);
   EXPECT_EQ(TqUvcDisconnect(h), 0u);
 }
 
@@ -300,17 +274,8 @@ struct Client {
   }
 };
 
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
-TEST_F(ApiTest, StreamsFramesIntoClientBuffersUnderTheLockTable) {
-  tqsim::CameraConfig config = camera(0, 0, "STREAM-1");
+TEST_F(ApiTest, StreamsFramesIntoClientBuffersAndTheLastUninitEndsTheStream) {
+  tqsim::CameraConfig config = cameraOn(0, 0, "STREAM-1");
   config.registers[0x0A04] = 320;
   config.registers[0x0A08] = 240;
   config.registers[0x0708] = 640;
@@ -334,33 +299,18 @@ TEST_F(ApiTest, StreamsFramesIntoClientBuffersUnderTheLockTable) {
   EXPECT_EQ(TqUvcStreamLockTableReleaseDmaMutex(h), 0u);
 
   EXPECT_EQ(TqUvcStreamStart(h, 0), 0u);
-  EXPECT_TRUE(waitUntil([&] { return client.notifications >= 8; }, std::chrono::seconds(10)));
+  EXPECT_TRUE(waitUntil([&] { return client.notifications >= 8; }));
   EXPECT_EQ(TqUvcStreamStop(h, 0), 0u);
   EXPECT_EQ(TqUvcStreamStop(h, 0), kChannelFailure) << "already stopped";
-  EXPECT_EQ(TqUvcCloseStrmChan(h), 0u);
-
   EXPECT_FALSE(client.orderBroken);
   EXPECT_EQ(client.locks.load(), client.notifications.load());
   EXPECT_GE(client.goodFrames.load(), 8);
   EXPECT_LT(client.currentFrame, Client::kBuffers);
-  EXPECT_EQ(TqUvcDisconnect(h), 0u);
-}
 
-TEST_F(ApiTest, UninitWhileStreamingEndsEveryThread) {
-  plug(camera(0, 0, "STREAM-2"));
-  init();
-  TqUvcScanDevices(0, 0, 100);
-  Client client(1280 * 960 * 2);
-  client.handle = walk().at(0);
-  const uint64_t h = client.handle;
-  ASSERT_EQ(TqUvcConnect(h, 0), 0u);
-  ASSERT_EQ(TqUvcOpenStrmChan(h, 0, 0, 0), 0u);
-  TqUvcCfgMemory(h, 0, client.addresses, client.sizes, Client::kBuffers);
-  TqUvcCfgLockTable(h, 0, client.lockTable, reinterpret_cast<uint8_t*>(&client.currentFrame));
-  TqUvcRegisterDataCallback(h, 0, &Client::callback, reinterpret_cast<uintptr_t>(&client));
-  TqUvcStreamStart(h, 0);
-  EXPECT_TRUE(waitUntil([&] { return client.notifications >= 2; }, std::chrono::seconds(10)));
-  // The last Uninit tears everything down, the running stream included.
+  // Streaming again, the last Uninit tears everything down, the stream included.
+  const int stopped = client.notifications;
+  EXPECT_EQ(TqUvcStreamStart(h, 0), 0u);
+  EXPECT_TRUE(waitUntil([&] { return client.notifications >= stopped + 2; }));
   TqUvcLibraryUninit();
   --initialized_;
   const int seen = client.notifications;

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "SimCamera.h"
+
 namespace {
 
 template <typename Fn>
@@ -18,14 +20,8 @@ Fn symbol(void* lib, const char* name) {
 
 TEST(Unload, DlcloseAfterScanAndConnectClosesEverything) {
   tqsim::reset();
-  tqsim::CameraConfig config = tqsim::defaultCameraConfig();
-  const tqsim::CameraId id = tqsim::plugCamera(config);
-  ASSERT_NE(id, tqsim::kNoCamera);
-  config.hidrawNumber = 1;
-  config.videoNumber = 2;
-  config.metadataVideoNumber = 3;
-  config.serial = "SECOND";
-  ASSERT_NE(tqsim::plugCamera(config), tqsim::kNoCamera);
+  const tqsim::CameraId id = tqtest::plug();
+  tqtest::plug(tqtest::cameraOn(1, 2, "SECOND"));
 
   void* lib = dlopen(TQ_UVC_LIBRARY, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(lib, nullptr) << dlerror();

@@ -1,7 +1,5 @@
-// The hot-plug body, run on a thread the test starts itself (the
-// library never starts it): its poll rhythm, the trigger, and what it does
-// when the camera goes away and comes back. Polls are at least 500 ms apart,
-// so only lower time bounds are asserted tightly.
+// The hot-plug body on a thread of the test's own (the library never starts it). Polls are
+// at least 500 ms apart, so only lower time bounds are tight.
 #include <rklog.h>
 
 #include <atomic>

@@ -15,12 +15,9 @@ namespace tqtest {
 
 struct LogLine {
   std::string source;
-  std::string userId;
   unsigned level = 0;
-  unsigned long threadId = 0;
-  int indent = 0;
   std::string text;
-  std::string line;
+  std::string line;  // as written, with time, thread and indentation
 };
 
 class LogCapture {
@@ -68,7 +65,7 @@ class LogCapture {
  private:
   static void sink(void* ctx, const rklog_Record* r) {
     auto* self = static_cast<LogCapture*>(ctx);
-    LogLine l{r->source, r->userId, r->level, r->threadId, r->indent, r->text, r->line};
+    LogLine l{r->source, r->level, r->text, r->line};
     {
       std::lock_guard<std::mutex> lock(self->mutex_);
       self->lines_.push_back(std::move(l));

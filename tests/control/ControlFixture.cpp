@@ -2,11 +2,9 @@
 
 #include <stdlib.h>
 
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "control/VexaHID_Interface.h"
 #include "pool/TqUvcDiscPkt.h"
@@ -31,15 +29,6 @@ class TempDirEnvironment : public ::testing::Environment {
 
 }  // namespace
 
-tqsim::CameraConfig cameraOn(int n, const std::string& serial) {
-  tqsim::CameraConfig config = tqsim::defaultCameraConfig();
-  config.hidrawNumber = n;
-  config.videoNumber = 2 * n;
-  config.metadataVideoNumber = 2 * n + 1;
-  config.serial = serial;
-  return config;
-}
-
 const std::string& tempDir() {
   static const std::string dir = [] {
     char pattern[] = "/tmp/tq-control-XXXXXX";
@@ -58,25 +47,6 @@ void writeIni(bool autoConnect) {
   ini << "[MISC.Options]\nMISC.AutoConnect=" << (autoConnect ? 1 : 0) << "\n";
 }
 
-bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
-std::string shaText(tqsim::CameraId id) {
-  std::string text;
-  char digits[3];
-  for (uint8_t b : tqsim::xmlSha1(id)) {
-    std::snprintf(digits, sizeof digits, "%02x", b);
-    text += digits;
-  }
-  return text;
-}
-
 void ControlTest::SetUp() {
   tqsim::reset();
   ASSERT_EQ(TqUvcCreateHidDevice(), 0);
@@ -89,12 +59,6 @@ void ControlTest::TearDown() {
   std::error_code ignored;
   for (const auto& entry : std::filesystem::directory_iterator(cacheDir(), ignored))
     std::filesystem::remove_all(entry.path(), ignored);
-}
-
-tqsim::CameraId ControlTest::plug(const tqsim::CameraConfig& config) {
-  const tqsim::CameraId id = tqsim::plugCamera(config);
-  EXPECT_NE(id, tqsim::kNoCamera);
-  return id;
 }
 
 int ControlTest::enumerate(const std::string& serial) {

@@ -1,19 +1,18 @@
-// Shared set-up of the control and bootstrap tests: the process-wide camera
-// objects, plugged emulated cameras, and real devices built from a discovery
-// packet the way the device scan builds them. The ini file and the
-// description-file cache live in a temporary directory for the whole binary.
+// Control, bootstrap and stream tests: devices built from a discovery packet as the scan
+// builds them; the ini file and description-file cache in a temporary directory.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <tqsim/Sim.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "LogCapture.h"
+#include "SimCamera.h"
+#include "TestUtil.h"
 #include "control/TqUvcCtrlChan.h"
 #include "pool/TqUvcDevice.h"
 
@@ -21,16 +20,19 @@ namespace ctltest {
 
 constexpr std::chrono::milliseconds kWait{10000};
 
+using tqtest::plug;
+using tqtest::shaText;
+using tqtest::waitUntil;
+
 // The default camera on hidraw n and video 2n (metadata 2n + 1).
-tqsim::CameraConfig cameraOn(int n, const std::string& serial);
+inline tqsim::CameraConfig cameraOn(int n, const std::string& serial) {
+  return tqtest::cameraOn(n, 2 * n, serial);
+}
 const std::string& tempDir();
 // Ends with '/'.
 const std::string& cacheDir();
 // Rewrites the ini file; devices read it when they are constructed.
 void writeIni(bool autoConnect);
-bool waitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout = kWait);
-// 40 lower-case hex digits.
-std::string shaText(tqsim::CameraId id);
 
 class ControlTest : public ::testing::Test {
  protected:
@@ -38,7 +40,6 @@ class ControlTest : public ::testing::Test {
   // Destroys the devices (which unlink), then the camera objects, and empties the cache.
   void TearDown() override;
 
-  tqsim::CameraId plug(const tqsim::CameraConfig& config);
   // The camera index of serial, -1 if none.
   int enumerate(const std::string& serial);
   TqUvcDevice& makeDevice(const std::string& serial, int camIndex,

@@ -117,16 +117,6 @@ TEST_F(RegisterSpaceTest, BlockReadsByAddress) {
   }
 }
 
-// The HID memory read is a string copy: it stops at the first zero byte.
-TEST_F(RegisterSpaceTest, VersionTextStopsAtAZeroByte) {
-  ASSERT_TRUE(tqsim::modifyCamera(sim_, [](tqsim::CameraConfig& config) {
-    config.memory[0x05D0] = std::string("\x01\x02\x03\x00\x2A", 5);
-  }));
-  char buffer[32] = {};
-  EXPECT_EQ(ctrl_->ReadMem(0x405D0, reinterpret_cast<unsigned char*>(buffer), sizeof buffer), 0U);
-  EXPECT_STREQ(buffer, "1.2.3.0");
-}
-
 TEST_F(ControlTest, StateTable) {
   TqUvcCtrlChan& ctrl = *deviceFor(cameraOn(0, "STATE")).GetCtrlChan();
   uint32_t value = 0;

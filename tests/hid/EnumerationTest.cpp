@@ -83,9 +83,7 @@ TEST_F(Enumeration, RecordsKeepTheirIndexAcrossUnplugAndNoCamera) {
   EXPECT_EQ(KOR_HID_IsLinked(static_cast<uint8_t>(ia)), 0);
 }
 
-// Camera indices are 8-bit: the table stops at 256 records, and a camera
-// that re-plugs under new node numbers past that is refused, not appended
-// where index 0 would address it.
+// Indices are 8-bit: past 256 records a new identity is refused, not wrapped onto index 0.
 TEST_F(Enumeration, TheTableStopsAt256Records) {
   const size_t before = DevicePool.size();
   ASSERT_LT(before, 255u);

@@ -2,15 +2,6 @@
 
 namespace hidtest {
 
-tqsim::CameraConfig cameraOn(int hidraw, int video, const std::string& serial) {
-  tqsim::CameraConfig config = tqsim::defaultCameraConfig();
-  config.hidrawNumber = hidraw;
-  config.videoNumber = video;
-  config.metadataVideoNumber = video + 1;
-  config.serial = serial;
-  return config;
-}
-
 int indexOf(const std::string& serial, int video, int hidraw) {
   const std::string key =
       serial + "-/dev/video" + std::to_string(video) + "-/dev/hidraw" + std::to_string(hidraw);
@@ -21,14 +12,7 @@ int indexOf(const std::string& serial, int video, int hidraw) {
 
 void SimTest::TearDown() {
   for (size_t i = 0; i < DevicePool.size() && i < 256; ++i) KOR_HID_Close(static_cast<uint8_t>(i));
-  tqsim::reset();
-}
-
-tqsim::CameraId SimTest::plug(const tqsim::CameraConfig& config) {
-  std::string error;
-  tqsim::CameraId id = tqsim::plugCamera(config, &error);
-  EXPECT_NE(id, tqsim::kNoCamera) << error;
-  return id;
+  SimFixture::TearDown();
 }
 
 void VexaHidTest::SetUp() {

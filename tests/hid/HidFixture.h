@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "SimCamera.h"
 #include "hid/KOR_HID.h"
 #include "hid/Vexa_HID.h"
 
@@ -17,19 +18,16 @@ namespace hidtest {
 constexpr unsigned short kVid = 0x7A3D;
 constexpr unsigned short kPid = 0x0203;
 
-// The default camera moved to other node numbers, with its own serial.
-tqsim::CameraConfig cameraOn(int hidraw, int video, const std::string& serial);
+using tqtest::cameraOn;
+using tqtest::plug;
 
 // Index of the DevicePool record enumeration made for that camera, -1 if none.
 int indexOf(const std::string& serial, int video, int hidraw);
 
-class SimTest : public ::testing::Test {
+class SimTest : public tqtest::SimFixture {
  protected:
-  void SetUp() override { tqsim::reset(); }
   // Closes every attached device and forgets the cameras.
   void TearDown() override;
-  // Plugs a camera; a failure to plug fails the test.
-  tqsim::CameraId plug(const tqsim::CameraConfig& config);
 };
 
 // One camera on hidraw0/video0, enumerated, with a Vexa_HID opened on it.

@@ -14,64 +14,31 @@
 
 namespace {
 
-// Every code with its own text, in order: 0 repeats the text before it.
+// Codes whose texts are not checked elsewhere: the table's ends, a text with
+// its typo, the protocol codes, 0 (repeats the text before it) and unknown codes.
 const std::pair<int, const char*> kTexts[] = {
-    {1, "Error: VX_UVC_STATUS_UNKNOWN_ERROR"},
-    {2, "Error: VX_UVC_STATUS_BAD_ARGUMENT"},
-    {3, "Error: VX_UVC_STATUS_INVALID_CMD_ID"},
-    {4, "Error: VX_UVC_STATUS_NOT_IMPLEMENTED"},
-    {5, "Error: VX_UVC_STATUS_NOT_AVAILABLE"},
-    {6, "Error: VX_UVC_STATUS_INVALID_DATA_BLOCK"},
-    {7, "Error: VX_UVC_STATUS_INVALID_CHUNK_ID"},
-    {8, "Error: VX_UVC_STATUS_DATA_BLOCK_TOO_LARGE"},
     {9, "Error: VX_UVC_STATUS_MISSSING_DATA_CHUNKS"},
-    {10, "Error: VX_UVC_STATUS_SENSOR_DISABLED"},
-    {11, "Error: VX_UVC_STATUS_USB_RD_ERR"},
-    {12, "Error: VX_UVC_STATUS_USB_WR_ERR"},
-    {13, "Error: VX_UVC_STATUS_FLASH_RD_ERR"},
-    {14, "Error: VX_UVC_STATUS_FLASH_WR_ERR"},
-    {15, "Error: VX_UVC_STATUS_OUT_OF_RANGE"},
-    {16, "Error: VX_UVC_STATUS_HW_ERR"},
-    {17, "Error: VX_UVC_STATUS_NOT_IF_STREAMING_ERROR"},
     {18, "Error: RX2_STATUS_HW_ERR_FPGA"},
     {0, "Error: RX2_STATUS_HW_ERR_FPGA"},
-    {-1, "Error: HID_ERROR_TIMEOUT"},
-    {0, "Error: HID_ERROR_TIMEOUT"},
-    {-2, "Error: HID_ERROR_PROTOCOL_WRONG_ID"},
     {-3, "Error: HID_ERROR_PROTOCOL_UNDEFINED"},
     {19, "Error: unknown error code"},
-    {255, "Error: unknown error code"},
+    {0, "Error: unknown error code"},
     {-4, "Error: unknown error code"},
-    {-101, "Error: unknown error code"},
 };
 
-TEST(DecodeError, EveryCode) {
+TEST(DecodeError, TableEndsRepeatAndUnknownCodes) {
   for (const auto& [code, text] : kTexts) EXPECT_EQ(DecodeError(code), text) << "code " << code;
 }
 
-// GenCP and USB3 Vision vocabulary, run-on texts included as they stand.
+// Texts that run on into the next entry stay as log readers grep for them.
 TEST(DecodeError, GenCpAndU3vNames) {
   const std::tuple<uint32_t, const char*, const char*> genCp[] = {
       {0x0000, "GENCP_SUCCESS", ""},
       {0x8001, "", "Command not implemented in the device."},
-      {0x8002, "GENCP_INVALID_PARAMETER",
-       "At least one command parameter of CCD or SCD is invalid or out of range."},
-      {0x8003, "GENCP_INVALID_ADDRESS", "Attempt to access a not existing register address."},
-      {0x8004, "GENCP_WRITE_PROTECT", "Attempt to write to a read only register."},
-      {0x8005, "GENCP_BAD_ALIGNMENT",
-       "Attempt to access registers with an address which is not aligned according to the underlying "
-       "technology."},
       {0x8006, "GENCP_ACCESS_DENIED",
        "Attempt to read a non-readable or write a non-writable register address. 0x8007 GENCP_BUSY The "
        "command receiver is currently busy."},
-      {0x8007, "GENCP_BUSY", "The command receiver is currently busy."},
-      {0x800B, "GENCP_MSG_TIMEOUT",
-       "Timeout waiting for an acknowledge. 0x800E GENCP_INVALID_HEADER The header of the received command "
-       "is invalid. This includes CCD and SCD fields but not the command payload."},
       {0x800E, "GENCP_INVALID_HEADER", ""},
-      {0x800F, "GENCP_WRONG_CONFIG",
-       "The current receiver configuration does not allow the execution of the sent command. 0x8FFF "
-       "GENCP_ERROR Generic error."},
       {0x8FFF, "GENCP_ERROR", "Generic error."},
       {0x8008, "UNKNOWN", "Unknown GenCP error"},
   };
@@ -79,16 +46,8 @@ TEST(DecodeError, GenCpAndU3vNames) {
     EXPECT_STREQ(GenCpStatusName(value), name) << std::hex << value;
     EXPECT_STREQ(GenCpStatusText(value), text) << std::hex << value;
   }
-  const std::tuple<uint32_t, const char*, const char*> u3v[] = {
-      {0xA001, "U3V_STATUS_RESEND_NOT_SUPPORTED", "RESEND_NOT_SUPPORTED"},
-      {0xA002, "U3V_STATUS_DSI_ENDPOINT_HALTED", "DSI_ENDPOINT_HALTED"},
-      {0xA003, "U3V_STATUS_SI_PAYLOAD_SIZE_NOT_ALIGNED", "SI_PAYLOAD_SIZE_NOT_ALIGNED"},
-      {0xA004, "U3V_STATUS_SI_REGISTERS_INCONSISTENT", "SI_REGISTERS_INCONSISTENT"},
-  };
-  for (const auto& [value, name, shortName] : u3v) {
-    EXPECT_STREQ(U3vStatusName(value), name);
-    EXPECT_STREQ(U3vStatusShortName(value), shortName);
-  }
+  EXPECT_STREQ(U3vStatusName(0xA004), "U3V_STATUS_SI_REGISTERS_INCONSISTENT");
+  EXPECT_STREQ(U3vStatusShortName(0xA001), "RESEND_NOT_SUPPORTED");
   EXPECT_EQ(U3vStatusName(0xA005), nullptr);
   EXPECT_EQ(U3vStatusShortName(0xA000), nullptr);
 }

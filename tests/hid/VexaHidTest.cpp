@@ -87,10 +87,8 @@ TEST_F(VexaHid, WrongEchoIsAProtocolError) {
   EXPECT_TRUE(log.contains("Vexa_HID::GetInt32 command error:-2 : Error: HID_ERROR_PROTOCOL_WRONG_ID"));
 }
 
-// The only test that waits out the 5-s answer time: a time-out (of a GetFunc
-// command, whose line keeps the SetFunc name), then the late answer is taken
-// by the next command, whose own answer goes to the one after. Answer delays
-// keep each answer from overwriting the previous one unseen.
+// Waits out the 5-s answer time once; each late answer then goes to the next command
+// (the GetFunc time-out line keeps the SetFunc name).
 TEST_F(VexaHid, LateAnswerIsTakenByTheNextCommand) {
   setFaults([](tqsim::HidFaults& f) {
     f.lateAnswerMs = 5600;

@@ -7,11 +7,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "HidFixture.h"
 #include "LogCapture.h"
+#include "TestUtil.h"
 #include "hid/cHid.h"
 
 namespace hidtest {
@@ -49,16 +49,6 @@ struct Answers {
 };
 
 const uint8_t kReadRegister[6] = {0, 0x10, 0, 0, 0, 0};
-
-template <typename Pred>
-bool eventually(Pred pred) {
-  const auto deadline = std::chrono::steady_clock::now() + 3s;
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
 
 TEST_F(cHidDevice, OpenReportFeatureReadAndClose) {
   const tqsim::CameraId cam = plug(cameraOn(0, 0, "CHID"));
@@ -139,9 +129,7 @@ TEST_F(cHidDevice, ServesDescriptorsAbove1023) {
   setrlimit(RLIMIT_NOFILE, &old);
 }
 
-// Unplugged, the node fails every read at once: the reader says so once and
-// ends instead of spinning; the record no longer counts as open; close and a
-// reconnect on the camera's new node still work.
+// Unplugged, the reader says so once and ends instead of spinning; close and reconnect work.
 TEST_F(cHidDevice, UnplugEndsTheReaderOnce) {
   const tqsim::CameraId sim = plug(cameraOn(0, 0, "GONE"));
   ASSERT_EQ(KOR_HID_Enumerate(kVid, kPid), 1);
@@ -176,9 +164,8 @@ TEST_F(cHidDevice, UnplugEndsTheReaderOnce) {
   EXPECT_EQ(KOR_HID_Close(cam), 0);  // the reader calls into `answers`
 }
 
-// Closing (and deleting) the device from its own answer callback neither
-// deadlocks nor pulls the node from under the running callback; the reader
-// closes the node once the callback has returned, and the camera opens again.
+// Closing the device from its own answer callback neither deadlocks nor pulls the node
+// from under the callback; the camera opens again afterwards.
 TEST_F(cHidDevice, CloseFromTheAnswerCallback) {
   const tqsim::CameraId sim = plug(cameraOn(0, 0, "SELF"));
   ASSERT_EQ(KOR_HID_Enumerate(kVid, kPid), 1);
@@ -191,10 +178,10 @@ TEST_F(cHidDevice, CloseFromTheAnswerCallback) {
   tqtest::LogCapture log;
   ASSERT_EQ(KOR_HID_Report(answers.cam, 1, 0x5C, kReadRegister, sizeof kReadRegister), 0);
   ASSERT_TRUE(answers.waitFor(1));
-  EXPECT_TRUE(eventually([&] { return answers.callbackReturned.load(); }));
+  EXPECT_TRUE(tqtest::waitUntil([&] { return answers.callbackReturned.load(); }));
   EXPECT_FALSE(KOR_HID_IsOpen(answers.cam));
   EXPECT_TRUE(log.waitFor("cHid::ThreadRoutine terminating thread", 3000ms));
-  EXPECT_TRUE(eventually([&] { return tqsim::openHidNodes(sim) == 0; }));
+  EXPECT_TRUE(tqtest::waitUntil([&] { return tqsim::openHidNodes(sim) == 0; }));
 
   answers.closeFromCallback = false;
   ASSERT_EQ(KOR_HID_Open(answers.cam), 0);

@@ -4,25 +4,15 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
-namespace tqtest {
+#include "TestUtil.h"
 
-// Polls `pred` until it holds (true) or `timeout` passed (false).
-template <typename Pred>
-bool waitUntil(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-  using Clock = std::chrono::steady_clock;
-  for (auto deadline = Clock::now() + timeout; !pred();
-       std::this_thread::sleep_for(std::chrono::milliseconds(1)))
-    if (Clock::now() > deadline) return false;
-  return true;
-}
+namespace tqtest {
 
 class TestEnv {
  public:

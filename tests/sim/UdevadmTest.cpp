@@ -10,6 +10,8 @@ using simtest::run;
 
 namespace {
 
+using tqtest::plug;
+
 std::string readFile(const std::string& path) {
   std::ifstream in(path);
   std::ostringstream text;
@@ -57,7 +59,7 @@ std::string firstAttribute(const std::string& text, const std::string& key) {
 using Udevadm = simtest::SimTest;
 
 TEST_F(Udevadm, WalksMatchTheRealKernelsForTheDefaultCamera) {
-  plug(tqsim::defaultCameraConfig());
+  plug();
   const struct {
     const char* node;
     const char* reference;
@@ -80,18 +82,8 @@ TEST_F(Udevadm, WalksMatchTheRealKernelsForTheDefaultCamera) {
   EXPECT_EQ(withoutDurations(sys.out), withoutDurations(walk("/dev/video0")));
 }
 
-// Exactly the command line the library hands to popen.
-TEST_F(Udevadm, ShellCommandOfTheLibraryFindsTheSerial) {
-  plug(tqsim::defaultCameraConfig());
-  const auto result = run({"sh", "-c", "udevadm info -a -p $(udevadm info -q path -n /dev/hidraw0)"});
-  EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(firstAttribute(result.out, "ATTRS{serial}"), "CAM-SN-0042");
-  EXPECT_EQ(firstAttribute(result.out, "ATTRS{idVendor}"), "7a3d");
-  EXPECT_EQ(firstAttribute(result.out, "ATTRS{idProduct}"), "0203");
-}
-
 TEST_F(Udevadm, UnknownNodesFailLikeTheRealTool) {
-  const tqsim::CameraId id = plug(tqsim::defaultCameraConfig());
+  const tqsim::CameraId id = plug();
   ASSERT_TRUE(tqsim::unplugCamera(id));
   for (const char* node : {"/dev/hidraw0", "/dev/video0", "/dev/hidraw7"}) {
     SCOPED_TRACE(node);
@@ -107,7 +99,7 @@ TEST_F(Udevadm, UnknownNodesFailLikeTheRealTool) {
 }
 
 TEST_F(Udevadm, FaultsChangeWhatTheWalksShow) {
-  const tqsim::CameraId id = plug(tqsim::defaultCameraConfig());
+  const tqsim::CameraId id = plug();
   const std::string hidPath = devicePath("/dev/hidraw0");
   const std::string videoPath = devicePath("/dev/video0");
 
@@ -149,12 +141,8 @@ TEST_F(Udevadm, FaultsChangeWhatTheWalksShow) {
 }
 
 TEST_F(Udevadm, SecondCameraSitsOnTheNextPortWithItsOwnIdentity) {
-  plug(tqsim::defaultCameraConfig());
-  tqsim::CameraConfig second = tqsim::defaultCameraConfig();
-  second.hidrawNumber = 1;
-  second.videoNumber = 2;
-  second.metadataVideoNumber = 3;
-  second.serial = "SECOND";
+  plug();
+  tqsim::CameraConfig second = tqtest::cameraOn(1, 2, "SECOND");
   second.manufacturer = "Emu Vendor  ";  // trailing blanks are part of it
   const tqsim::CameraId id = plug(second);
 

@@ -21,8 +21,11 @@
 #include <tuple>
 
 #include "SimTestUtil.h"
+#include "TestUtil.h"
 
 namespace {
+
+using tqtest::plug;
 
 class VideoNode : public simtest::SimTest {
  protected:
@@ -50,17 +53,30 @@ v4l2_format captureFormat(uint32_t width, uint32_t height) {
   return fmt;
 }
 
-void startStreaming(int fd, uint32_t buffers) {
+v4l2_requestbuffers bufferRequest(uint32_t count, uint32_t type = V4L2_BUF_TYPE_VIDEO_CAPTURE) {
   v4l2_requestbuffers req{};
-  req.count = buffers;
-  req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  req.count = count;
+  req.type = type;
   req.memory = V4L2_MEMORY_MMAP;
-  ASSERT_EQ(ioctl(fd, VIDIOC_REQBUFS, &req), 0) << strerror(errno);
-  for (uint32_t i = 0; i < buffers; ++i) {
-    v4l2_buffer buf{};
-    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buf.memory = V4L2_MEMORY_MMAP;
-    buf.index = i;
+  return req;
+}
+
+v4l2_buffer mmapBuffer(uint32_t index = 0) {
+  v4l2_buffer buf{};
+  buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  buf.memory = V4L2_MEMORY_MMAP;
+  buf.index = index;
+  return buf;
+}
+
+// Queues buffers 0..count-1 and streams; `request` asks for them first.
+void startStreaming(int fd, uint32_t count, bool request = true) {
+  v4l2_requestbuffers req = bufferRequest(count);
+  if (request) {
+    ASSERT_EQ(ioctl(fd, VIDIOC_REQBUFS, &req), 0) << strerror(errno);
+  }
+  for (uint32_t i = 0; i < count; ++i) {
+    v4l2_buffer buf = mmapBuffer(i);
     ASSERT_EQ(ioctl(fd, VIDIOC_QBUF, &buf), 0) << strerror(errno);
   }
   int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -75,12 +91,8 @@ std::string fileText(const std::string& path) {
 }
 
 TEST_F(VideoNode, PlainCallsReachTheNodeAndBusInfoNamesTheCamerasPort) {
-  plug(tqsim::defaultCameraConfig());
-  tqsim::CameraConfig second = tqsim::defaultCameraConfig();
-  second.hidrawNumber = 1;
-  second.videoNumber = 2;
-  second.metadataVideoNumber = 3;
-  plug(second);
+  plug();
+  plug(tqtest::cameraOn(1, 2));
 
   for (const auto& [video, hidraw, port] :
        {std::tuple{"/dev/video0", "/dev/hidraw0", "1"}, std::tuple{"/dev/video2", "/dev/hidraw1", "2"}}) {
@@ -101,19 +113,16 @@ TEST_F(VideoNode, PlainCallsReachTheNodeAndBusInfoNamesTheCamerasPort) {
     EXPECT_TRUE(S_ISCHR(st.st_mode));
     EXPECT_EQ(major(st.st_rdev), 81u);
     char byte = 0;
-    EXPECT_EQ(read(fd, &byte, 1), -1) << "uvcvideo has no read()";
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_ERRNO(read(fd, &byte, 1), EINVAL) << "uvcvideo has no read()";
   }
 }
 
 TEST_F(VideoNode, AnswersAsUvcvideoDoes) {
-  plug(tqsim::defaultCameraConfig());
+  plug();
   const int fd = openNode("/dev/video0");
 
-  EXPECT_EQ(ioctl(fd, _IOC(_IOC_NONE, 'V', 0xFF, 0), nullptr), -1);
-  EXPECT_EQ(errno, ENOTTY);
-  EXPECT_EQ(ioctl(fd, VIDIOC_G_EXT_CTRLS, nullptr), -1) << "unknown before the argument is looked at";
-  EXPECT_EQ(errno, ENOTTY);
+  EXPECT_ERRNO(ioctl(fd, _IOC(_IOC_NONE, 'V', 0xFF, 0), nullptr), ENOTTY);
+  EXPECT_ERRNO(ioctl(fd, VIDIOC_G_EXT_CTRLS, nullptr), ENOTTY) << "unknown before the argument is looked at";
 
   v4l2_frmsizeenum size{};
   size.pixel_format = V4L2_PIX_FMT_YUYV;
@@ -164,8 +173,7 @@ TEST_F(VideoNode, AnswersAsUvcvideoDoes) {
   v4l2_streamparm parm{};
   parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
   parm.parm.capture.timeperframe = {1, 30};
-  EXPECT_EQ(ioctl(fd, VIDIOC_S_PARM, &parm), -1);
-  EXPECT_EQ(errno, EBUSY);
+  EXPECT_ERRNO(ioctl(fd, VIDIOC_S_PARM, &parm), EBUSY);
 }
 
 TEST_F(VideoNode, StepwiseSizesAreClampedAndAligned) {
@@ -187,7 +195,7 @@ TEST_F(VideoNode, StepwiseSizesAreClampedAndAligned) {
 
 // One node, several descriptors: one format, one buffer owner, priorities.
 TEST_F(VideoNode, DescriptorsShareTheNodeAsWithADriver) {
-  plug(tqsim::defaultCameraConfig());
+  plug();
   const int a = openNode("/dev/video0");
   const int b = openNode("/dev/video0");
   v4l2_format fmt = captureFormat(320, 240);
@@ -197,13 +205,9 @@ TEST_F(VideoNode, DescriptorsShareTheNodeAsWithADriver) {
   ASSERT_EQ(ioctl(b, VIDIOC_G_FMT, &seen), 0);
   EXPECT_EQ(seen.fmt.pix.width, 320u);
 
-  v4l2_requestbuffers req{};
-  req.count = 2;
-  req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-  req.memory = V4L2_MEMORY_MMAP;
+  v4l2_requestbuffers req = bufferRequest(2);
   ASSERT_EQ(ioctl(a, VIDIOC_REQBUFS, &req), 0);
-  EXPECT_EQ(ioctl(b, VIDIOC_REQBUFS, &req), -1);
-  EXPECT_EQ(errno, EBUSY);
+  EXPECT_ERRNO(ioctl(b, VIDIOC_REQBUFS, &req), EBUSY);
 
   // The queue is the node's: while a holds buffers nobody changes the
   // format, and while it streams nobody changes the rate.
@@ -211,26 +215,16 @@ TEST_F(VideoNode, DescriptorsShareTheNodeAsWithADriver) {
   parm.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
   parm.parm.capture.timeperframe = {1, 15};
   v4l2_format other = captureFormat(640, 480);
-  EXPECT_EQ(ioctl(b, VIDIOC_S_FMT, &other), -1);
-  EXPECT_EQ(errno, EBUSY);
+  EXPECT_ERRNO(ioctl(b, VIDIOC_S_FMT, &other), EBUSY);
   EXPECT_EQ(ioctl(b, VIDIOC_TRY_FMT, &other), 0) << "trying changes nothing";
   EXPECT_EQ(ioctl(b, VIDIOC_S_PARM, &parm), 0) << "buffers alone do not fix the rate";
-  for (uint32_t i = 0; i < 2; ++i) {
-    v4l2_buffer buf{};
-    buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buf.memory = V4L2_MEMORY_MMAP;
-    buf.index = i;
-    ASSERT_EQ(ioctl(a, VIDIOC_QBUF, &buf), 0);
-  }
-  int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-  ASSERT_EQ(ioctl(a, VIDIOC_STREAMON, &type), 0);
+  startStreaming(a, 2, false);
   other = captureFormat(1280, 960);
-  EXPECT_EQ(ioctl(b, VIDIOC_S_FMT, &other), -1);
-  EXPECT_EQ(errno, EBUSY);
-  EXPECT_EQ(ioctl(b, VIDIOC_S_PARM, &parm), -1);
-  EXPECT_EQ(errno, EBUSY);
+  EXPECT_ERRNO(ioctl(b, VIDIOC_S_FMT, &other), EBUSY);
+  EXPECT_ERRNO(ioctl(b, VIDIOC_S_PARM, &parm), EBUSY);
   ASSERT_EQ(ioctl(a, VIDIOC_G_FMT, &seen), 0);
   EXPECT_EQ(seen.fmt.pix.width, 320u);
+  int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
   ASSERT_EQ(ioctl(a, VIDIOC_STREAMOFF, &type), 0);
   EXPECT_EQ(ioctl(b, VIDIOC_S_PARM, &parm), 0);
   req.count = 0;
@@ -240,30 +234,25 @@ TEST_F(VideoNode, DescriptorsShareTheNodeAsWithADriver) {
   // The metadata node likewise.
   const int metaA = openNode("/dev/video1");
   const int metaB = openNode("/dev/video1");
-  v4l2_requestbuffers metaReq{};
-  metaReq.count = 1;
-  metaReq.type = V4L2_BUF_TYPE_META_CAPTURE;
-  metaReq.memory = V4L2_MEMORY_MMAP;
+  v4l2_requestbuffers metaReq = bufferRequest(1, V4L2_BUF_TYPE_META_CAPTURE);
   ASSERT_EQ(ioctl(metaA, VIDIOC_REQBUFS, &metaReq), 0);
   v4l2_format meta{};
   meta.type = V4L2_BUF_TYPE_META_CAPTURE;
-  EXPECT_EQ(ioctl(metaB, VIDIOC_S_FMT, &meta), -1);
-  EXPECT_EQ(errno, EBUSY);
+  EXPECT_ERRNO(ioctl(metaB, VIDIOC_S_FMT, &meta), EBUSY);
   EXPECT_EQ(ioctl(metaB, VIDIOC_G_FMT, &meta), 0);
 
   uint32_t priority = V4L2_PRIORITY_RECORD;
   ASSERT_EQ(ioctl(a, VIDIOC_S_PRIORITY, &priority), 0);
   ASSERT_EQ(ioctl(b, VIDIOC_G_PRIORITY, &priority), 0);
   EXPECT_EQ(priority, static_cast<uint32_t>(V4L2_PRIORITY_RECORD));
-  EXPECT_EQ(ioctl(b, VIDIOC_S_FMT, &fmt), -1);
-  EXPECT_EQ(errno, EBUSY);
+  EXPECT_ERRNO(ioctl(b, VIDIOC_S_FMT, &fmt), EBUSY);
   close(a);
   forget(a);
   EXPECT_EQ(ioctl(b, VIDIOC_S_FMT, &fmt), 0) << "the record priority left with its descriptor";
 }
 
 TEST_F(VideoNode, WaitsBehaveAsTheDriversDo) {
-  const tqsim::CameraId id = plug(tqsim::defaultCameraConfig());
+  const tqsim::CameraId id = plug();
   const int fd = openNode("/dev/video0");
   pollfd p{fd, POLLIN, 0};
   ASSERT_EQ(poll(&p, 1, 5000), 1) << "no wait before STREAMON";
@@ -271,21 +260,13 @@ TEST_F(VideoNode, WaitsBehaveAsTheDriversDo) {
 
   // Enough buffers that the producer still has work when the descriptor closes.
   startStreaming(fd, 8);
-  v4l2_buffer buf{};
-  buf.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-  buf.memory = V4L2_MEMORY_MMAP;
+  v4l2_buffer buf = mmapBuffer();
   // A blocking descriptor waits for the frame instead of answering EAGAIN.
   ASSERT_EQ(ioctl(fd, VIDIOC_DQBUF, &buf), 0) << strerror(errno);
   EXPECT_EQ(buf.sequence, 0u);
 
-  // A plain close ends the stream: nothing writes to the number afterwards,
-  // checked once another camera has made two frames (the old producer would
-  // have written within one).
-  tqsim::CameraConfig second = tqsim::defaultCameraConfig();
-  second.hidrawNumber = 1;
-  second.videoNumber = 2;
-  second.metadataVideoNumber = 3;
-  const tqsim::CameraId other = plug(second);
+  // Close ends the stream: no write to the number while another camera makes two frames.
+  const tqsim::CameraId other = plug(tqtest::cameraOn(1, 2));
   const int clock = openNode("/dev/video2");
   startStreaming(clock, 2);
   close(fd);
@@ -298,18 +279,14 @@ TEST_F(VideoNode, WaitsBehaveAsTheDriversDo) {
   if (memfd != fd) close(memfd);
   ASSERT_EQ(reused, fd);
   const uint32_t before = tqsim::videoFramesProduced(other);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (tqsim::videoFramesProduced(other) < before + 2 && std::chrono::steady_clock::now() < deadline) {
+  // The other camera's frames are taken and given back so that it goes on.
+  ASSERT_TRUE(tqtest::waitUntil([&] {
     pollfd frame{clock, POLLIN, 0};
-    if (poll(&frame, 1, 100) == 1) {
-      v4l2_buffer taken{};
-      taken.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-      taken.memory = V4L2_MEMORY_MMAP;
-      ASSERT_EQ(ioctl(clock, VIDIOC_DQBUF, &taken), 0);
-      ASSERT_EQ(ioctl(clock, VIDIOC_QBUF, &taken), 0);
-    }
-  }
-  ASSERT_GE(tqsim::videoFramesProduced(other), before + 2) << "the other camera made no frames";
+    v4l2_buffer taken = mmapBuffer();
+    if (poll(&frame, 1, 100) == 1 && ioctl(clock, VIDIOC_DQBUF, &taken) == 0)
+      ioctl(clock, VIDIOC_QBUF, &taken);
+    return tqsim::videoFramesProduced(other) >= before + 2;
+  })) << "the other camera made no frames";
   struct stat st {};
   ASSERT_EQ(fstat(reused, &st), 0);
   EXPECT_EQ(st.st_size, 0);
@@ -325,7 +302,7 @@ TEST_F(VideoNode, ApiRefusesFrameSizesTheFileRefuses) {
   EXPECT_EQ(tqsim::plugCamera(huge, &error), tqsim::kNoCamera);
   EXPECT_EQ(error, "frame size 65535x65535 out of range (1..16384 each)");
 
-  const tqsim::CameraId id = plug(tqsim::defaultCameraConfig());
+  const tqsim::CameraId id = plug();
   error.clear();
   EXPECT_FALSE(tqsim::modifyCamera(
       id, [](tqsim::CameraConfig& c) { c.video.sizes.front().height = 0; }, &error));
@@ -346,7 +323,7 @@ TEST_F(VideoNode, ApiRefusesFrameSizesTheFileRefuses) {
 }
 
 TEST_F(VideoNode, SysfsAndDevShowTheNodesAsTheKernelDoes) {
-  plug(tqsim::defaultCameraConfig());
+  plug();
   char link[256] = {};
   ASSERT_GT(readlink("/sys/dev/char/81:0", link, sizeof link - 1), 0);
   EXPECT_STREQ(link, "../../devices/platform/vhci_hcd.0/usb1/1-1/1-1:1.0/video4linux/video0");

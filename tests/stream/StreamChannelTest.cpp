@@ -1,6 +1,5 @@
 // The stream channel against the emulated camera: lock/notify protocol,
 // geometry from the camera's registers, the copy, the client's DMA mutex.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <tqsim/FramePattern.h>
 #include <tqsim/Sim.h>
@@ -11,16 +10,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <future>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "LogCapture.h"
-#include "control/TqUvcCtrlChan.h"
+#include "ControlFixture.h"
 #include "control/VexaHID_Interface.h"
-#include "pool/TqUvcDevice.h"
-#include "pool/TqUvcDiscPkt.h"
 #include "stream/TqUvcStrmChan.h"
 #include "video/KOR_UVC.h"
 
@@ -37,16 +32,16 @@ struct Event {
   alignas(8) _tagTqUvcDataBlockInfo info;  // packed record: give its fields their alignment
 };
 
-// The client: kN buffers in a ring 0 -> 1 -> ..., a buffer locked on request.
-// It gives `giveBacks` notified buffers straight back and keeps the rest;
-// buffer `hold` it keeps once notified (word LOCKED, predecessor re-linked
-// past it). Its state is read once the capture thread has been joined.
+// kN buffers in a ring, locked on request; gives `giveBacks` notified buffers back and
+// keeps `hold` out of the ring once notified. Read only after the capture thread joined.
 class Client {
  public:
-  explicit Client(size_t bytes, int hold = -1, int giveBacks = 0) : hold_(hold), giveBacks_(giveBacks) {
+  // `misalign`: each buffer starts that many bytes past an allocation.
+  explicit Client(size_t bytes, int hold = -1, int giveBacks = 0, size_t misalign = 0)
+      : hold_(hold), giveBacks_(giveBacks), misalign_(misalign) {
     for (uint32_t i = 0; i < kN; ++i) {
-      buffers_.emplace_back(bytes, kFill);
-      addresses_[i] = reinterpret_cast<uint64_t>(buffers_[i].data());
+      buffers_.emplace_back(bytes + misalign, kFill);
+      addresses_[i] = reinterpret_cast<uint64_t>(buffers_[i].data() + misalign);
       sizes_[i] = static_cast<uint32_t>(bytes);
       words_[i] = (i + 1) % kN;
     }
@@ -64,7 +59,7 @@ class Client {
     if (request == TQUVC_REQ_LOCK) self->words_[index] = TQUVC_LOCKED;
     if (request == TQUVC_REQ_NOTIFY && self->giveBacks_ > 0) self->giveBack(index);
   }
-  const uint8_t* buffer(uint32_t i) const { return buffers_[i].data(); }
+  const uint8_t* buffer(uint32_t i) const { return buffers_[i].data() + misalign_; }
   std::vector<Event> events;
   std::vector<uint8_t> heldCopy;  // the held buffer as it was notified
 
@@ -77,10 +72,11 @@ class Client {
     const uint32_t pred = (i + kN - 1) % kN;
     if (int(i) != hold_) words_[i] = next(i), --giveBacks_;
     if (int(i) != hold_ || !heldCopy.empty()) return;
-    heldCopy = buffers_[i];
+    heldCopy.assign(buffer(i), buffer(i) + buffers_[i].size() - misalign_);
     if (words_[pred] != TQUVC_LOCKED) words_[pred] = next(pred);
   }
   int hold_, giveBacks_;
+  size_t misalign_;
   std::vector<std::vector<uint8_t>> buffers_;
   uint64_t addresses_[kN] = {};
   uint32_t sizes_[kN] = {};
@@ -92,41 +88,25 @@ struct Geometry {  // as the camera's registers report it
   uint32_t width, height, offsetX, offsetY, pitch;
 };
 
-class StreamChannelTest : public ::testing::Test {
+class StreamChannelTest : public ctltest::ControlTest {
  protected:
-  void SetUp() override { tqsim::reset(); }
-  void TearDown() override {
-    device_.reset();
-    TqUvcDeleteHidDevice();
-    tqsim::reset();
-  }
   // Plugs the camera and builds its device the way a scan does.
-  void makeDevice(const Geometry& g, uint32_t shortFrameBytes = 0, bool connect = true) {
+  void makeDevice(const Geometry& g, uint32_t shortFrameBytes = 0, bool connect = true,
+                  const tqsim::FrameSize* largest = nullptr) {
     tqsim::CameraConfig config = tqsim::defaultCameraConfig();
+    if (largest != nullptr) config.video.sizes.insert(config.video.sizes.begin(), *largest);
     const uint32_t addresses[] = {0x0A04, 0x0A08, 0x0A0C, 0x0A10, 0x0708};
     const uint32_t values[] = {g.width, g.height, g.offsetX, g.offsetY, g.pitch};
     for (int i = 0; i < 5; ++i) config.registers[addresses[i]] = values[i];
     config.videoFaults.shortFrameBytes = shortFrameBytes;
-    std::string error;
-    ASSERT_NE(tqsim::plugCamera(config, &error), tqsim::kNoCamera) << error;
-    int count = 0;
-    ASSERT_EQ(TqUvcCreateHidDevice(), 0);
-    ASSERT_EQ(TqUvcEnumerateHidDevice(&count), 0);
-    ASSERT_EQ(TqUvcGetFirstHidDevice(&camera_), 0);
-    TqUvcDiscPkt pkt;
-    _tagTqUvccpDiscData* d = pkt.GetDiscData();
-    d->Vid = 0x7A3D;
-    d->Pid = 0x203;
-    d->HIDCamIndex = static_cast<uint32_t>(camera_);
-    strncpy(d->SerialNr, config.serial.c_str(), sizeof(d->SerialNr) - 1);
-    strncpy(d->InterfaceText, "UVC HID Device", sizeof(d->InterfaceText) - 1);
-    device_ = std::make_unique<TqUvcDevice>(&pkt);
+    device_ = &deviceFor(config);
+    camera_ = static_cast<int>(device_->GetDiscData()->HIDCamIndex);
     if (connect) {
       ASSERT_EQ(device_->GetCtrlChan()->Connect(device_->GetDiscData(), true), 0u);
     }
     chan_ = device_->GetStrmChan();
   }
-  std::unique_ptr<TqUvcDevice> device_;
+  TqUvcDevice* device_ = nullptr;
   TqUvcStrmChan* chan_ = nullptr;
   int camera_ = -1;
 };
@@ -151,21 +131,25 @@ TEST_F(StreamChannelTest, FillsEachFreeBufferOnceWithLockThenNotifyAndStopsWhenA
     uint32_t shortFrameBytes;  // 0: full frames
     size_t bufferBytes;        // 0: roi height x pitch
     uint32_t uvcWidth, uvcHeight;
+    size_t misalign = 0;  // client buffers start this far past 16-byte alignment
   } const cases[] = {
       {"full frame", {1280, 960, 4, 2, 2560}, 0, 0, 1280, 960},
       {"roi narrower than the frame", {600, 400, 20, 40, 1200}, 0, 0, 640, 480},
       {"roi larger than the largest frame", {2000, 1500, 0, 0, 4000}, 0, 0, 1280, 960},
       {"short frame", {640, 480, 0, 0, 1280}, 1000, 0, 640, 480},
       {"client buffer too small", {640, 480, 0, 0, 1280}, 0, 3000, 640, 480},
+      // Large enough for the non-temporal copy: its unaligned head and tail.
+      {"large frame into unaligned buffers", {1920, 1080, 0, 0, 3840}, 0, 0, 1920, 1080, 3},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     TearDown();
     SetUp();
     const size_t bytes = c.bufferBytes != 0 ? c.bufferBytes : size_t{c.roi.height} * c.roi.pitch;
-    makeDevice(c.roi, c.shortFrameBytes);
+    const tqsim::FrameSize fullHd{1920, 1080, tqsim::IntervalKind::Discrete, {{1, 30}}};
+    makeDevice(c.roi, c.shortFrameBytes, true, c.uvcWidth == 1920 ? &fullHd : nullptr);
     ASSERT_EQ(chan_->Open(0, 0), 0u);
-    Client client(bytes);
+    Client client(bytes, -1, 0, c.misalign);
     client.configure(chan_);
     tqtest::LogCapture log;
     ASSERT_EQ(chan_->StreamStart(0), 0u);
@@ -250,9 +234,8 @@ TEST_F(StreamChannelTest, StateOperationsRefuseOutOfOrderCallsAndCloseEndsTheCap
   EXPECT_EQ(capture_thread[camera_], nullptr);
 }
 
-// A hold taken before StreamStop is released after it and still excludes
-// others in the next stream; client calls racing stops never reach a handler
-// being deleted (ASan/TSan runs).
+// A hold outlives StreamStop and still excludes others; client calls racing stops never
+// reach a handler being deleted (ASan/TSan runs).
 TEST_F(StreamChannelTest, DmaMutexCallsAreSafeAcrossStops) {
   makeDevice({640, 480, 0, 0, 1280});
   ASSERT_EQ(chan_->Open(0, 0), 0u);
@@ -290,20 +273,10 @@ TEST_F(StreamChannelTest, DmaMutexCallsAreSafeAcrossStops) {
   EXPECT_EQ(chan_->Close(), 0u);
 }
 
-// Descriptors the process holds right now.
-size_t openDescriptors() {
-  size_t n = 0;
-  if (DIR* dir = opendir("/proc/self/fd")) {
-    while (readdir(dir) != nullptr) ++n;
-    closedir(dir);
-  }
-  return n;
-}
+using tqtest::openDescriptors;
 
-// The camera moved to another video node after the scan: the channel's UVC
-// open fails on the old node. Closing must still end the channel, so that it
-// opens again once the path is right, and must not keep the capture object
-// (and the descriptors of its stream) that the failed open left behind.
+// The video node moved after the scan: close still ends the channel, frees what the
+// failed UVC open left behind, and the channel opens again on the right node.
 TEST_F(StreamChannelTest, AChannelWhoseVideoOpenFailedClosesAndOpensAgain) {
   makeDevice({640, 480, 0, 0, 1280});
   tqsim::CameraConfig config;
@@ -345,10 +318,8 @@ TEST_F(StreamChannelTest, AChannelWhoseVideoOpenFailedClosesAndOpensAgain) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
-// The data callback stops (or closes) the stream while another thread is
-// stopping or closing it and therefore joining the capture thread: the
-// callback's call must not wait for that thread. The other call comes first,
-// so the callback's finds the stream stopped.
+// A stop or close from the data callback while another thread's stop or close joins the
+// capture thread must not wait for that thread.
 TEST_F(StreamChannelTest, AStopFromTheCallbackDuringAnotherThreadsStopDoesNotDeadlock) {
   struct Racer {
     TqUvcStrmChan* chan = nullptr;

@@ -5,24 +5,15 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
-#include <thread>
 
 #include "LogCapture.h"
+#include "TestUtil.h"
 #include "support/TqUvcThread.h"
 
 namespace {
 
-template <typename Pred>
-bool waitUntil(Pred pred) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
+using tqtest::waitUntil;
 
 class Worker : public TqUvcThread {
  public:
@@ -35,9 +26,7 @@ class Worker : public TqUvcThread {
       ~Leave() { flag = false; }  // also when a forced end unwinds the stack
     } leave{inBody};
     inBody = true;
-    // The only cancellation point is pthread_testcancel, outside any libc call
-    // the sanitizers wrap: a thread cancelled inside one of their wrappers leaves
-    // their runtimes confused and the reports they make then are false.
+    // Cancelled only here, outside libc calls: a cancel inside a sanitizer wrapper gives false reports.
     while (!honourExit || !ExitRequested()) {
       const timespec pause{0, 1000000};
       syscall(SYS_nanosleep, &pause, nullptr);

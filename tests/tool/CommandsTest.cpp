@@ -10,6 +10,8 @@
 
 namespace {
 
+using tqtest::plug;
+
 class Commands : public simtest::SimTest {};
 
 // A write lands in the camera's registers, and a read returns it.

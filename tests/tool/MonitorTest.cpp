@@ -2,15 +2,17 @@
 // show up as arrivals and departures with their handles.
 #include <tqsim/Sim.h>
 
-#include <chrono>
 #include <mutex>
 #include <streambuf>
 #include <thread>
 
 #include "Commands.h"
 #include "SimTestUtil.h"
+#include "TestUtil.h"
 
 namespace {
+
+using tqtest::plug;
 
 // An output stream the monitor thread writes and the test reads.
 class SharedText : public std::streambuf {
@@ -41,30 +43,19 @@ class SharedText : public std::streambuf {
 class Monitor : public simtest::SimTest {
  protected:
   bool waitFor(const std::string& part) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (buffer_.text().find(part) == std::string::npos) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
+    return tqtest::waitUntil([&] { return buffer_.text().find(part) != std::string::npos; });
   }
   SharedText buffer_;
 };
 
 TEST_F(Monitor, ReportsArrivalsAndDeparturesWithHandles) {
-  tqsim::CameraConfig first = tqsim::defaultCameraConfig();
-  const tqsim::CameraId firstId = plug(first);
+  const tqsim::CameraId firstId = plug();
   std::ostream out(&buffer_);
   tool::stopRequested() = false;
   std::thread monitor([&] { tool::runMonitor(out, 50); });
 
   EXPECT_TRUE(waitFor("present  handle 1  serial CAM-SN-0042")) << buffer_.text();
-  tqsim::CameraConfig second = tqsim::defaultCameraConfig();
-  second.hidrawNumber = 1;
-  second.videoNumber = 2;
-  second.metadataVideoNumber = 3;
-  second.serial = "CAM-SN-0043";
-  plug(second);
+  plug(tqtest::cameraOn(1, 2, "CAM-SN-0043"));
   EXPECT_TRUE(waitFor("arrived  handle 2  serial CAM-SN-0043")) << buffer_.text();
   tqsim::unplugCamera(firstId);
   EXPECT_TRUE(waitFor("left     handle 1  serial CAM-SN-0042")) << buffer_.text();

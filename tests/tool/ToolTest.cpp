@@ -1,13 +1,8 @@
 // The tq-uvc program end to end: each subcommand under tq-uvc-sim, with the
 // output a user reads and the exit status a script tests.
 #include <png.h>
-#include <poll.h>
-#include <pty.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <tqsim/FramePattern.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -16,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <thread>
 
 #include "SimTestUtil.h"
 
@@ -240,110 +234,6 @@ TEST_F(Tool, GrabSavesThePatternInTheCamerasGeometry) {
   EXPECT_FALSE(fs::exists(tmp_ + "/f3.png"));
 }
 
-// A child tool whose output the test reads while it runs; stdout on a pipe, or
-// on a terminal (a pseudo-terminal the test holds the other side of).
-class Child {
- public:
-  Child(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv, bool terminal) {
-    int out[2] = {-1, -1};
-    if (terminal) {
-      if (openpty(&out[0], &out[1], nullptr, nullptr, nullptr) != 0) return;
-    } else if (pipe(out) != 0) {
-      return;
-    }
-    int err[2];
-    if (pipe(err) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    posix_spawn_file_actions_addclose(&actions, err[0]);
-    std::vector<std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) {
-      const std::string entry = *e;
-      const bool replaced = std::any_of(extraEnv.begin(), extraEnv.end(), [&](const std::string& x) {
-        return entry.rfind(x.substr(0, x.find('=') + 1), 0) == 0;
-      });
-      if (!replaced) env.push_back(entry);
-    }
-    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char*> envp;
-    for (std::string& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> argv = args;
-    std::vector<char*> argp;
-    for (std::string& a : argv) argp.push_back(a.data());
-    argp.push_back(nullptr);
-    if (posix_spawn(&pid_, argp[0], &actions, nullptr, argp.data(), envp.data()) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    close(out[1]);
-    close(err[1]);
-    out_ = out[0];
-    err_ = err[0];
-  }
-  ~Child() {
-    if (pid_ > 0 && !exited_) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    if (out_ >= 0) close(out_);
-    if (err_ >= 0) close(err_);
-  }
-  bool started() const { return pid_ > 0; }
-  void signal(int number) { kill(pid_, number); }
-
-  // Reads both streams until one holds `part` or the deadline passes.
-  bool readUntil(const std::string& part, std::chrono::seconds limit = std::chrono::seconds(20)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!contains(out, part) && !contains(err, part)) {
-      if (std::chrono::steady_clock::now() > deadline || !readSome(100)) return false;
-    }
-    return true;
-  }
-  // Reads to the end of both streams and waits for the exit; the exit status,
-  // 128 + signal for a child a signal ended, -1 on time-out.
-  int finish(std::chrono::seconds limit = std::chrono::seconds(20)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while ((out_ >= 0 || err_ >= 0) && std::chrono::steady_clock::now() < deadline) readSome(100);
-    int status = 0;
-    while (waitpid(pid_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) return -1;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    exited_ = true;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
-  std::string out;
-  std::string err;
-
- private:
-  // One poll round; false when both streams are at their end.
-  bool readSome(int timeoutMs) {
-    pollfd fds[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
-    if (out_ < 0 && err_ < 0) return false;
-    if (poll(fds, 2, timeoutMs) <= 0) return true;
-    for (pollfd& p : fds) {
-      if (p.fd < 0 || p.revents == 0) continue;
-      char buffer[4096];
-      const ssize_t n = read(p.fd, buffer, sizeof buffer);
-      if (n > 0) {
-        (p.fd == out_ ? out : err).append(buffer, static_cast<size_t>(n));
-      } else {  // end of a pipe, or EIO once the terminal's other side closed
-        close(p.fd);
-        (p.fd == out_ ? out_ : err_) = -1;
-      }
-    }
-    return true;
-  }
-
-  pid_t pid_ = -1;
-  int out_ = -1;
-  int err_ = -1;
-  bool exited_ = false;
-};
-
 // Lines of a progress display: the text between carriage returns and newlines.
 std::vector<std::string> displayLines(const std::string& text) {
   std::vector<std::string> lines;
@@ -382,9 +272,7 @@ TEST_F(Tool, StreamPrintsLiveLinesAndASummary) {
   EXPECT_FALSE(contains(result.out, "\r")) << "no progress bar when the output is not a terminal";
 }
 
-// A consumer that keeps every buffer 200 ms takes 5 of the camera's 30 frames
-// a second; the library drops the others while all buffers are locked, and
-// every one of them is counted.
+// Holding each buffer 200 ms takes 5 of 30 frames a second; every dropped one is counted.
 TEST_F(Tool, StreamCountsFramesLostToLockedBuffers) {
 #if defined(__SANITIZE_THREAD__)
   // The estimate needs the camera's real rate; under TSan the emulated camera
@@ -411,7 +299,8 @@ TEST_F(Tool, StreamCountsFramesLostToLockedBuffers) {
 // On a terminal a count or time limit shows a progress bar that rewrites one
 // line of at most 79 columns, then the summary.
 TEST_F(Tool, StreamShowsAProgressBarOnATerminal) {
-  Child child({TQSIM_LAUNCHER, "--", TQ_UVC_TOOL, "stream", "--seconds", "2.5"}, environment(), true);
+  simtest::Process child({TQSIM_LAUNCHER, "--", TQ_UVC_TOOL, "stream", "--seconds", "2.5"}, environment(),
+                         true);
   ASSERT_TRUE(child.started());
   EXPECT_EQ(child.finish(), 0) << child.err;
   EXPECT_TRUE(contains(child.out, "\r[")) << child.out;
@@ -468,7 +357,7 @@ TEST_F(Tool, InterruptEndsLongCommands) {
   for (const Case& c : cases) {
     std::vector<std::string> args{TQSIM_LAUNCHER, "--", TQ_UVC_TOOL};
     args.insert(args.end(), c.args.begin(), c.args.end());
-    Child child(args, environment(), false);
+    simtest::Process child(args, environment());
     ASSERT_TRUE(child.started());
     ASSERT_TRUE(child.readUntil(c.ready)) << c.args[0] << ": " << child.out << child.err;
     child.signal(SIGINT);

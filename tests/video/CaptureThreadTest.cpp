@@ -1,7 +1,6 @@
 // CaptureThread against the emulated node: size and rate listing, the format
 // choice, the capture thread's frames and what it asks of the node, stop from
 // any thread (the callback included), unplug and the other early ends.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -29,24 +28,7 @@ constexpr unsigned kError = RKLOG_ERROR;
 constexpr unsigned kDebug = RKLOG_DEBUG;
 constexpr unsigned kTrace = RKLOG_TRACE;
 
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 3s) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
-
-// Descriptors the process holds right now.
-size_t openDescriptors() {
-  size_t n = 0;
-  if (DIR* dir = opendir("/proc/self/fd")) {
-    while (readdir(dir) != nullptr) ++n;
-    closedir(dir);
-  }
-  return n;
-}
+using tqtest::openDescriptors;
 
 FrameSize frameSize(uint32_t w, uint32_t h, const std::vector<uint32_t>& fps,
                     IntervalKind kind = IntervalKind::Discrete) {
@@ -270,9 +252,8 @@ TEST_F(StreamingTest, CallbackGetsConsecutivePatternFramesAndAClosedStreamStarts
   EXPECT_EQ(sink_.frames()[frames.size()].number, 0u) << "a fresh stream starts from frame 0";
 }
 
-// Unplug as the kernel shows it: the node polls readable with POLLERR|POLLHUP
-// and every ioctl fails with ENODEV. The thread logs the failed dequeue once
-// and ends; it must not spin on the node until close.
+// A lost node (POLLERR|POLLHUP, ENODEV everywhere): one error line, then the thread ends
+// instead of spinning until close.
 TEST_F(StreamingTest, LostNodeEndsTheThreadAfterOneErrorAndCloseReleasesWhatItLeft) {
   const std::vector<std::pair<const char*, std::function<void(tqsim::CameraId)>>> cases = {
       {"unplug", [](tqsim::CameraId id) { ASSERT_TRUE(tqsim::unplugCamera(id)); }},

@@ -85,13 +85,10 @@ TEST_F(EmulatedVideoNodeTest, LostDeviceLooksLikeADisconnectedKernelNode) {
     EXPECT_TRUE(FD_ISSET(fd, &exceptional));
 
     v4l2_capability cap{};
-    EXPECT_EQ(v4l2_ioctl(fd, VIDIOC_QUERYCAP, &cap), -1);
-    EXPECT_EQ(errno, ENODEV);
+    EXPECT_ERRNO(v4l2_ioctl(fd, VIDIOC_QUERYCAP, &cap), ENODEV);
     buf = captureBuffer(0);
-    EXPECT_EQ(v4l2_ioctl(fd, VIDIOC_DQBUF, &buf), -1);
-    EXPECT_EQ(errno, ENODEV);
-    EXPECT_EQ(v4l2_mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0), MAP_FAILED);
-    EXPECT_EQ(errno, ENODEV);
+    EXPECT_ERRNO(v4l2_ioctl(fd, VIDIOC_DQBUF, &buf), ENODEV);
+    EXPECT_ERRNO(v4l2_mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0), ENODEV);
     EXPECT_TRUE(tqsim::verifyFrame(static_cast<const uint8_t*>(mem), length)) << "the mapping stays readable";
     EXPECT_EQ(v4l2_munmap(mem, length), 0);
     EXPECT_EQ(v4l2_close(fd), 0);

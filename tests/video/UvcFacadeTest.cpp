@@ -105,9 +105,7 @@ TEST_F(UvcFacadeTest, DestroyingTheFacadeStopsTheCapturesThatDeliverToIt) {
   const size_t delivered = sink.frames().size();
   const uint32_t produced = tqsim::videoFramesProduced(id);
   ASSERT_EQ(KOR_UVC_StreamStart(4), 0);
-  const auto deadline = std::chrono::steady_clock::now() + 3s;
-  while (tqsim::videoFramesProduced(id) < produced + 3 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(5ms);
+  waitUntil([&] { return tqsim::videoFramesProduced(id) >= produced + 3; });
   EXPECT_EQ(sink.frames().size(), delivered);
   EXPECT_EQ(KOR_UVC_StreamClose(4), 0);
 }

@@ -14,11 +14,15 @@
 #include <vector>
 
 #include "LogCapture.h"
+#include "SimCamera.h"
+#include "TestUtil.h"
 #include "video/KOR_UVC.h"
 
 namespace videotest {
 
 using namespace std::chrono_literals;
+using tqtest::plug;
+using tqtest::waitUntil;
 
 // One frame as a callback saw it.
 struct Frame {
@@ -85,20 +89,13 @@ inline void expectLoggedAs(const tqtest::LogCapture& log, const std::vector<Logg
   }
 }
 
-class VideoSimTest : public ::testing::Test {
+class VideoSimTest : public tqtest::SimFixture {
  protected:
-  void SetUp() override { tqsim::reset(); }
   // Closes every capture object a test left in the table.
   void TearDown() override {
     for (unsigned char i = 0; i < KOR_UVC_MAX_CAMERAS; ++i)
       if (capture_thread[i]) KOR_UVC_StreamClose(i);
-    tqsim::reset();
-  }
-  tqsim::CameraId plug(const tqsim::CameraConfig& config = tqsim::defaultCameraConfig()) {
-    std::string error;
-    tqsim::CameraId id = tqsim::plugCamera(config, &error);
-    EXPECT_NE(id, tqsim::kNoCamera) << error;
-    return id;
+    SimFixture::TearDown();
   }
   static void setFaults(tqsim::CameraId id, const std::function<void(tqsim::VideoFaults&)>& change) {
     tqsim::CameraConfig config;

@@ -29,8 +29,7 @@ class VideoLogTest : public VideoSimTest {
 void listRangeSizes(tqsim::SizeKind kind, const tqtest::LogCapture& log, const char* text) {
   tqsim::CameraConfig config = tqsim::defaultCameraConfig();
   config.video.sizeKind = kind;
-  std::string error;
-  ASSERT_NE(tqsim::plugCamera(config, &error), tqsim::kNoCamera) << error;
+  plug(config);
   CaptureThread capture;
   char path[] = "/dev/video0";
   EXPECT_EQ(capture.open(path), 0);
@@ -54,12 +53,9 @@ struct ThreadProbe {
 
 void ignoreSignal(int) {}
 
-// A signal that reaches the capture thread while it waits for a frame makes
-// the wait fail with EINTR (poll is never restarted). Signals are sent until
-// one lands in the wait.
+// Signals the capture thread until one lands in its wait (EINTR; poll is never restarted).
 void interruptTheWait(const tqtest::LogCapture& log, const char* text) {
-  std::string error;
-  ASSERT_NE(tqsim::plugCamera(tqsim::defaultCameraConfig(), &error), tqsim::kNoCamera) << error;
+  plug();
   struct sigaction action {};
   struct sigaction previous {};
   action.sa_handler = ignoreSignal;
@@ -72,14 +68,13 @@ void interruptTheWait(const tqtest::LogCapture& log, const char* text) {
   KOR_UVC_StreamSetFrameFormat(0, 320, 240);
   KOR_UVC_SetCallbackStream(0, &ThreadProbe::callback, &probe);
   ASSERT_EQ(KOR_UVC_StreamStart(0), 0);
-  const auto deadline = std::chrono::steady_clock::now() + 3s;
-  while (!probe.seen.load() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
-  EXPECT_TRUE(probe.seen.load()) << "no frame arrived";
+  EXPECT_TRUE(waitUntil([&] { return probe.seen.load(); })) << "no frame arrived";
   // The thread runs until the close below, so its id stays valid meanwhile.
-  while (probe.seen.load() && !log.contains(text) && std::chrono::steady_clock::now() < deadline) {
+  waitUntil([&] {
+    if (!probe.seen.load()) return true;
     pthread_kill(probe.thread, SIGUSR2);
-    log.waitFor(text, 20ms);
-  }
+    return log.waitFor(text, 20ms);
+  });
   EXPECT_EQ(KOR_UVC_StreamClose(0), 0);
   sigaction(SIGUSR2, &previous, nullptr);
 }
@@ -87,8 +82,7 @@ void interruptTheWait(const tqtest::LogCapture& log, const char* text) {
 // Streams through the facade with no buffer callback registered for the
 // camera: every frame is dropped with an error line.
 void streamWithoutBufferCallback(const tqtest::LogCapture& log, const char* text) {
-  std::string error;
-  ASSERT_NE(tqsim::plugCamera(tqsim::defaultCameraConfig(), &error), tqsim::kNoCamera) << error;
+  plug();
   Vexa_UVC uvc;
   _Formats list[LIST_MAX_NUM + 1] = {};
   int count = 0;
@@ -104,8 +98,7 @@ void streamWithoutBufferCallback(const tqtest::LogCapture& log, const char* text
 // The facade's stream callback registered for a camera without the facade as
 // its context.
 void streamIntoFacadeWithoutContext(const tqtest::LogCapture& log, const char* text) {
-  std::string error;
-  ASSERT_NE(tqsim::plugCamera(tqsim::defaultCameraConfig(), &error), tqsim::kNoCamera) << error;
+  plug();
   char path[] = "/dev/video0";
   ASSERT_EQ(KOR_UVC_StreamOpen(2, path), 0);
   KOR_UVC_StreamSetFrameFormat(2, 320, 240);
