@@ -262,19 +262,25 @@ class RawCapture {
   std::vector<uint8_t> copy_;
 };
 
-void RawV4l2Fps(benchmark::State& state) {
-  const int width = widthOf(state);
-  const int height = heightOf(state);
-  const size_t bytes = bench::frameBytes(width, height);
+// A fresh emulated camera running free on /dev/video0, for the raw loops;
+// false (and the benchmark skipped) when it cannot be plugged.
+bool plugFreeRunCamera(benchmark::State& state, int width, int height) {
   tqsim::reset();
   tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
   config.video.freeRun = true;
   std::string error;
-  if (tqsim::plugCamera(config, &error) == tqsim::kNoCamera) {
-    state.SkipWithError(("cannot plug the camera: " + error).c_str());
-    tqsim::reset();
-    return;
-  }
+  if (tqsim::plugCamera(config, &error) != tqsim::kNoCamera) return true;
+  state.SkipWithError(("cannot plug the camera: " + error).c_str());
+  tqsim::reset();
+  return false;
+}
+
+void RawV4l2Fps(benchmark::State& state) {
+  const int width = widthOf(state);
+  const int height = heightOf(state);
+  const size_t bytes = bench::frameBytes(width, height);
+  if (!plugFreeRunCamera(state, width, height)) return;
+  std::string error;
   {
     RawCapture capture("/dev/video0", width, height);
     error = capture.error();
@@ -332,15 +338,8 @@ void ApiStreamStop(benchmark::State& state) { stopLatency(state, widthOf(state),
 void RawV4l2Stop(benchmark::State& state) {
   const int width = widthOf(state);
   const int height = heightOf(state);
-  tqsim::reset();
-  tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
-  config.video.freeRun = true;
+  if (!plugFreeRunCamera(state, width, height)) return;
   std::string error;
-  if (tqsim::plugCamera(config, &error) == tqsim::kNoCamera) {
-    state.SkipWithError(("cannot plug the camera: " + error).c_str());
-    tqsim::reset();
-    return;
-  }
   for (auto _ : state) {
     auto capture = std::make_unique<RawCapture>("/dev/video0", width, height);
     error = capture->error();

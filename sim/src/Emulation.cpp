@@ -41,20 +41,6 @@ constexpr unsigned kHidrawMajor = 242;
 constexpr unsigned kVideoMajor = 81;
 constexpr int kMaxNode = 255;
 
-// A vendor-page report descriptor: output and input report 1 of 63 bytes,
-// input report 2 (events) of 63 bytes, feature report 1 of 1023 bytes.
-constexpr uint8_t kReportDescriptor[] = {
-    0x06, 0x00, 0xFF,                                // Usage Page (Vendor 0xFF00)
-    0x09, 0x01,                                      // Usage (1)
-    0xA1, 0x01,                                      // Collection (Application)
-    0x15, 0x00, 0x26, 0xFF, 0x00, 0x75, 0x08,        // 0..255, 8 bits
-    0x85, 0x01, 0x95, 0x3F, 0x09, 0x02, 0x81, 0x02,  // Report 1, 63 x Input
-    0x95, 0x3F, 0x09, 0x03, 0x91, 0x02,              // 63 x Output
-    0x96, 0xFF, 0x03, 0x09, 0x04, 0xB1, 0x02,        // 1023 x Feature
-    0x85, 0x02, 0x95, 0x3F, 0x09, 0x05, 0x81, 0x02,  // Report 2, 63 x Input
-    0xC0,                                            // End Collection
-};
-
 int64_t nowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
              std::chrono::system_clock::now().time_since_epoch())

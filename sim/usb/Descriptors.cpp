@@ -1,6 +1,9 @@
 #include "Descriptors.h"
 
 #include <algorithm>
+#include <iterator>
+
+#include "Camera.h"
 
 namespace tqsim::usb {
 
@@ -27,21 +30,6 @@ uint32_t toHundredNs(const FrameInterval& interval) {
                          interval.denominator;
   return static_cast<uint32_t>(std::clamp<uint64_t>(value, 1, 0xFFFFFFFFu));
 }
-
-// A vendor-page report descriptor: output and input report 1 of 63 bytes,
-// input report 2 (events) of 63 bytes, feature report 1 of 1023 bytes. The
-// same one the emulated hidraw node hands out.
-const std::vector<uint8_t> kReportDescriptor = {
-    0x06, 0x00, 0xFF,                                // Usage Page (Vendor 0xFF00)
-    0x09, 0x01,                                      // Usage (1)
-    0xA1, 0x01,                                      // Collection (Application)
-    0x15, 0x00, 0x26, 0xFF, 0x00, 0x75, 0x08,        // 0..255, 8 bits
-    0x85, 0x01, 0x95, 0x3F, 0x09, 0x02, 0x81, 0x02,  // Report 1, 63 x Input
-    0x95, 0x3F, 0x09, 0x03, 0x91, 0x02,              // 63 x Output
-    0x96, 0xFF, 0x03, 0x09, 0x04, 0xB1, 0x02,        // 1023 x Feature
-    0x85, 0x02, 0x95, 0x3F, 0x09, 0x05, 0x81, 0x02,  // Report 2, 63 x Input
-    0xC0,                                            // End Collection
-};
 
 // The YUY2 GUID of the uncompressed format.
 constexpr uint8_t kGuidYuy2[16] = {'Y',  'U',  'Y',  '2',  0x00, 0x00, 0x10, 0x00,
@@ -123,7 +111,7 @@ void appendHid(std::vector<uint8_t>& out, const InterfaceNumbers& numbers) {
   out.insert(out.end(), {9, 0x21});
   put16(out, 0x0111);
   out.insert(out.end(), {0, 1, 0x22});
-  put16(out, kReportDescriptor.size());
+  put16(out, sizeof kReportDescriptor);
   // bInterval 4 at high speed: every 8 microframes, 1 ms.
   appendEndpoint(out, kHidInEndpoint, 0x03, kHidPacketSize, 4);
   appendEndpoint(out, kHidOutEndpoint, 0x03, kHidPacketSize, 4);
@@ -214,7 +202,10 @@ std::vector<uint8_t> otherSpeedConfiguration(const CameraConfig& config, const F
   return out;
 }
 
-const std::vector<uint8_t>& hidReportDescriptor() { return kReportDescriptor; }
+const std::vector<uint8_t>& hidReportDescriptor() {
+  static const std::vector<uint8_t> descriptor(std::begin(kReportDescriptor), std::end(kReportDescriptor));
+  return descriptor;
+}
 
 std::vector<uint8_t> utf16Descriptor(const std::string& text) {
   std::vector<uint16_t> units;
