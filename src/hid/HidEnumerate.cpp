@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -20,20 +21,28 @@ constexpr int kMaxNodes = 16;
 
 // The whole attribute walk (node and every parent), so that the first match
 // of an attribute is the nearest device that carries it.
-std::string udevWalk(const std::string& node) {
-  return sExec("udevadm info -a -p $(udevadm info -q path -n " + node + ")");
+std::string udevWalkCommand(const std::string& node) {
+  return "udevadm info -a -p $(udevadm info -q path -n " + node + ")";
 }
 
-struct VideoNode {
-  std::string path;
-  std::string serial;
-};
+// A walk is mostly process start-up (a shell and two udevadm): two at a time
+// per CPU keep every CPU busy; the results do not depend on the overlap.
+size_t parallelWalks() {
+  const long cpus = ::sysconf(_SC_NPROCESSORS_ONLN);
+  return std::min<size_t>(8, 2 * static_cast<size_t>(cpus > 0 ? cpus : 1));
+}
 
 std::string hex4(unsigned short id) {
   char text[8];
   std::snprintf(text, sizeof text, "%4.4x", id);
   return text;
 }
+
+// A hidraw node of the wanted vendor and product, open until its record is made.
+struct HidrawCandidate {
+  std::string path;
+  UniqueFd fd;
+};
 
 }  // namespace
 
@@ -43,18 +52,14 @@ std::vector<DeviceNode> GetInterfaceList(unsigned short vid, unsigned short pid)
   const std::string vidText = hex4(vid);
   const std::string pidText = hex4(pid);
 
-  std::vector<VideoNode> videos;
+  std::vector<std::string> videoPaths;
   for (int n = 0; n < kMaxNodes; ++n) {
     std::string path = "/dev/video" + std::to_string(n);
     struct stat st;
-    if (::stat(path.c_str(), &st) != 0) continue;
-    std::string walk = udevWalk(path);
-    if (sGetString(walk, "ATTRS{idVendor}") != vidText || sGetString(walk, "ATTRS{idProduct}") != pidText)
-      continue;
-    videos.push_back({path, sGetString(walk, "ATTRS{serial}")});
+    if (::stat(path.c_str(), &st) == 0) videoPaths.push_back(std::move(path));
   }
 
-  std::vector<DeviceNode> result;
+  std::vector<HidrawCandidate> hidraws;
   for (int n = 0; n < kMaxNodes; ++n) {
     std::string path = "/dev/hidraw" + std::to_string(n);
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -71,8 +76,32 @@ std::vector<DeviceNode> GetInterfaceList(unsigned short vid, unsigned short pid)
     if (static_cast<uint16_t>(info.vendor) != static_cast<uint16_t>(gn_Vid) ||
         static_cast<uint16_t>(info.product) != static_cast<uint16_t>(gn_Pid))
       continue;
+    hidraws.push_back({std::move(path), std::move(fd)});
+  }
 
-    std::string walk = udevWalk(path);
+  // Every walk of both passes, overlapped: a scan costs about the longest
+  // walks rather than their sum.
+  std::vector<std::string> commands;
+  for (const auto& path : videoPaths) commands.push_back(udevWalkCommand(path));
+  for (const auto& h : hidraws) commands.push_back(udevWalkCommand(h.path));
+  const std::vector<std::string> walks = sExecAll(commands, parallelWalks());
+
+  struct VideoNode {
+    std::string path;
+    std::string serial;
+  };
+  std::vector<VideoNode> videos;
+  for (size_t i = 0; i < videoPaths.size(); ++i) {
+    const std::string& walk = walks[i];
+    if (sGetString(walk, "ATTRS{idVendor}") != vidText || sGetString(walk, "ATTRS{idProduct}") != pidText)
+      continue;
+    videos.push_back({videoPaths[i], sGetString(walk, "ATTRS{serial}")});
+  }
+
+  std::vector<DeviceNode> result;
+  for (size_t i = 0; i < hidraws.size(); ++i) {
+    const std::string& path = hidraws[i].path;
+    const std::string& walk = walks[videoPaths.size() + i];
     std::string serial = sGetString(walk, "ATTRS{serial}");
     std::string uvcPath;
     for (const auto& v : videos) {

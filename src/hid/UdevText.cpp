@@ -1,15 +1,58 @@
 #include "hid/UdevText.h"
 
 #include <cstdio>
+#include <deque>
+#include <memory>
+#include <utility>
+
+namespace {
+
+struct PipeCloser {
+  void operator()(FILE* pipe) const { ::pclose(pipe); }
+};
+using Pipe = std::unique_ptr<FILE, PipeCloser>;
+
+Pipe startShell(const std::string& command) { return Pipe(::popen(command.c_str(), "re")); }
+
+std::string readAll(Pipe pipe) {
+  std::string result;
+  char piece[128];
+  while (std::fgets(piece, sizeof piece, pipe.get()) != nullptr) result += piece;
+  return result;
+}
+
+}  // namespace
 
 std::string sExec(const std::string& command) {
-  std::string result;
-  FILE* pipe = ::popen(command.c_str(), "re");
-  if (pipe == nullptr) return result;
-  char piece[128];
-  while (std::fgets(piece, sizeof piece, pipe) != nullptr) result += piece;
-  ::pclose(pipe);
-  return result;
+  Pipe pipe = startShell(command);
+  return pipe ? readAll(std::move(pipe)) : std::string();
+}
+
+std::vector<std::string> sExecAll(const std::vector<std::string>& commands, size_t parallel) {
+  std::vector<std::string> results(commands.size());
+  if (parallel == 0) parallel = 1;
+  // Outputs are read in order; a command further on writes into its pipe
+  // meanwhile and waits only if its output outgrows the pipe.
+  std::deque<std::pair<size_t, Pipe>> running;
+  size_t next = 0;
+  while (next < commands.size() || !running.empty()) {
+    if (next < commands.size() && running.size() < parallel) {
+      Pipe pipe = startShell(commands[next]);
+      if (pipe) {
+        running.emplace_back(next++, std::move(pipe));
+        continue;
+      }
+      if (running.empty()) {
+        ++next;  // cannot start even alone: empty output
+        continue;
+      }
+      // Out of processes or descriptors: let a running one end, then retry.
+    }
+    auto [index, pipe] = std::move(running.front());
+    running.pop_front();
+    results[index] = readAll(std::move(pipe));
+  }
+  return results;
 }
 
 std::string sGetString(const std::string& text, const std::string& key) {

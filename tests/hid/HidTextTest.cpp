@@ -1,6 +1,11 @@
 // Status texts, udev text parsing and the identity getters, without a camera.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <thread>
@@ -80,6 +85,41 @@ TEST(sGetString, OddTexts) {
   // Output longer than one read comes back whole, whatever the exit status.
   const std::string longLine(300, 'x');
   EXPECT_EQ(sExec("printf '" + longLine + "'; exit 3"), longLine);
+}
+
+// The walks of a scan overlap, yet each output lands at its command's place.
+// Command 0 ends only after seeing command 1's mark: run one after another it
+// would report that it waited alone.
+TEST(sExecAll, OverlapsCommandsAndKeepsTheirOrder) {
+  char dir[] = "/tmp/tq-execall-XXXXXX";
+  ASSERT_NE(::mkdtemp(dir), nullptr);
+  const std::string mark = std::string(dir) + "/mark";
+  const std::vector<std::string> commands = {
+      "for i in $(seq 100); do [ -e " + mark + " ] && { echo first; exit; }; sleep 0.05; done; echo alone",
+      "touch " + mark + "; echo second", "echo third", "exit 1"};
+  EXPECT_EQ(sExecAll(commands, 2), (std::vector<std::string>{"first\n", "second\n", "third\n", ""}));
+  std::remove(mark.c_str());
+  ::rmdir(dir);
+  EXPECT_EQ(sExecAll({}, 4), std::vector<std::string>{});
+}
+
+// With room for one pipe only, the second shell cannot start while the first
+// runs: it is started once the first has ended instead of giving no output.
+TEST(sExecAll, WaitsForRoomInsteadOfLosingAnOutput) {
+  const pid_t child = ::fork();
+  ASSERT_NE(child, -1);
+  if (child == 0) {
+    const int lowestFree = ::dup(0);
+    ::close(lowestFree);
+    const rlimit limit{static_cast<rlim_t>(lowestFree) + 2, static_cast<rlim_t>(lowestFree) + 2};
+    if (lowestFree < 0 || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::_exit(2);
+    const auto outputs = sExecAll({"echo a", "echo b", "echo c"}, 4);
+    ::_exit(outputs == std::vector<std::string>{"a\n", "b\n", "c\n"} ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "2: could not set the limit, 1: an output was lost";
 }
 
 // Copies stop at len - 1 and are terminated; no room or no record: untouched.
