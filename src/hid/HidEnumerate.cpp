@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/hidraw.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,7 +29,9 @@ std::string udevWalkCommand(const std::string& node) {
 // A walk is mostly process start-up (a shell and two udevadm): two at a time
 // per CPU keep every CPU busy; the results do not depend on the overlap.
 size_t parallelWalks() {
-  const long cpus = ::sysconf(_SC_NPROCESSORS_ONLN);
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  const int cpus = ::sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 1;
   return std::min<size_t>(8, 2 * static_cast<size_t>(cpus > 0 ? cpus : 1));
 }
 
@@ -37,12 +40,6 @@ std::string hex4(unsigned short id) {
   std::snprintf(text, sizeof text, "%4.4x", id);
   return text;
 }
-
-// A hidraw node of the wanted vendor and product, open until its record is made.
-struct HidrawCandidate {
-  std::string path;
-  UniqueFd fd;
-};
 
 }  // namespace
 
@@ -59,7 +56,9 @@ std::vector<DeviceNode> GetInterfaceList(unsigned short vid, unsigned short pid)
     if (::stat(path.c_str(), &st) == 0) videoPaths.push_back(std::move(path));
   }
 
-  std::vector<HidrawCandidate> hidraws;
+  // Each probe's descriptor closes at its end: nothing reads the node, and an
+  // open hidraw node keeps the device's input transfers running.
+  std::vector<std::string> hidraws;
   for (int n = 0; n < kMaxNodes; ++n) {
     std::string path = "/dev/hidraw" + std::to_string(n);
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -76,14 +75,14 @@ std::vector<DeviceNode> GetInterfaceList(unsigned short vid, unsigned short pid)
     if (static_cast<uint16_t>(info.vendor) != static_cast<uint16_t>(gn_Vid) ||
         static_cast<uint16_t>(info.product) != static_cast<uint16_t>(gn_Pid))
       continue;
-    hidraws.push_back({std::move(path), std::move(fd)});
+    hidraws.push_back(std::move(path));
   }
 
   // Every walk of both passes, overlapped: a scan costs about the longest
   // walks rather than their sum.
   std::vector<std::string> commands;
   for (const auto& path : videoPaths) commands.push_back(udevWalkCommand(path));
-  for (const auto& h : hidraws) commands.push_back(udevWalkCommand(h.path));
+  for (const auto& path : hidraws) commands.push_back(udevWalkCommand(path));
   const std::vector<std::string> walks = sExecAll(commands, parallelWalks());
 
   struct VideoNode {
@@ -100,7 +99,7 @@ std::vector<DeviceNode> GetInterfaceList(unsigned short vid, unsigned short pid)
 
   std::vector<DeviceNode> result;
   for (size_t i = 0; i < hidraws.size(); ++i) {
-    const std::string& path = hidraws[i].path;
+    const std::string& path = hidraws[i];
     const std::string& walk = walks[videoPaths.size() + i];
     std::string serial = sGetString(walk, "ATTRS{serial}");
     std::string uvcPath;

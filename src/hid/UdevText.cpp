@@ -14,18 +14,26 @@ using Pipe = std::unique_ptr<FILE, PipeCloser>;
 
 Pipe startShell(const std::string& command) { return Pipe(::popen(command.c_str(), "re")); }
 
-std::string readAll(Pipe pipe) {
+std::string readAll(FILE* pipe) {
   std::string result;
   char piece[128];
-  while (std::fgets(piece, sizeof piece, pipe.get()) != nullptr) result += piece;
+  while (std::fgets(piece, sizeof piece, pipe) != nullptr) result += piece;
   return result;
+}
+
+// Output of a shell that ran beside others; false when it did not end with
+// status 0 (-1 means it was reaped elsewhere, which says nothing of it).
+bool readAndClose(Pipe pipe, std::string& output) {
+  output = readAll(pipe.get());
+  const int status = ::pclose(pipe.release());
+  return status == 0 || status == -1;
 }
 
 }  // namespace
 
 std::string sExec(const std::string& command) {
   Pipe pipe = startShell(command);
-  return pipe ? readAll(std::move(pipe)) : std::string();
+  return pipe ? readAll(pipe.get()) : std::string();
 }
 
 std::vector<std::string> sExecAll(const std::vector<std::string>& commands, size_t parallel) {
@@ -34,6 +42,9 @@ std::vector<std::string> sExecAll(const std::vector<std::string>& commands, size
   // Outputs are read in order; a command further on writes into its pipe
   // meanwhile and waits only if its output outgrows the pipe.
   std::deque<std::pair<size_t, Pipe>> running;
+  // Commands that failed while others ran: a shell that could not fork for
+  // lack of processes looks like a failed walk. Each runs again alone.
+  std::vector<size_t> again;
   size_t next = 0;
   while (next < commands.size() || !running.empty()) {
     if (next < commands.size() && running.size() < parallel) {
@@ -50,8 +61,9 @@ std::vector<std::string> sExecAll(const std::vector<std::string>& commands, size
     }
     auto [index, pipe] = std::move(running.front());
     running.pop_front();
-    results[index] = readAll(std::move(pipe));
+    if (!readAndClose(std::move(pipe), results[index]) && parallel > 1) again.push_back(index);
   }
+  for (size_t index : again) results[index] = sExec(commands[index]);
   return results;
 }
 

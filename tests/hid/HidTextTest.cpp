@@ -1,4 +1,5 @@
 // Status texts, udev text parsing and the identity getters, without a camera.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -89,37 +90,76 @@ TEST(sGetString, OddTexts) {
 
 // The walks of a scan overlap, yet each output lands at its command's place.
 // Command 0 ends only after seeing command 1's mark: run one after another it
-// would report that it waited alone.
+// would report that it waited alone. An output larger than a pipe holds is
+// read whole while later commands wait on their own pipes.
 TEST(sExecAll, OverlapsCommandsAndKeepsTheirOrder) {
   char dir[] = "/tmp/tq-execall-XXXXXX";
   ASSERT_NE(::mkdtemp(dir), nullptr);
   const std::string mark = std::string(dir) + "/mark";
-  const std::vector<std::string> commands = {
-      "for i in $(seq 100); do [ -e " + mark + " ] && { echo first; exit; }; sleep 0.05; done; echo alone",
-      "touch " + mark + "; echo second", "echo third", "exit 1"};
-  EXPECT_EQ(sExecAll(commands, 2), (std::vector<std::string>{"first\n", "second\n", "third\n", ""}));
+  const std::vector<std::string> commands = {"i=0; while [ $i -lt 600 ]; do [ -e " + mark +
+                                                 " ] && { echo first; exit; }; sleep 0.05; i=$((i+1)); done;"
+                                                 " echo alone",
+                                             "touch " + mark + "; echo second",
+                                             "head -c 200000 /dev/zero | tr '\\0' x", "echo fourth"};
+  const auto outputs = sExecAll(commands, 2);
+  ASSERT_EQ(outputs.size(), 4u);
+  EXPECT_EQ(outputs[0], "first\n");
+  EXPECT_EQ(outputs[1], "second\n");
+  EXPECT_EQ(outputs[2], std::string(200000, 'x'));
+  EXPECT_EQ(outputs[3], "fourth\n");
   std::remove(mark.c_str());
   ::rmdir(dir);
   EXPECT_EQ(sExecAll({}, 4), std::vector<std::string>{});
 }
 
-// With room for one pipe only, the second shell cannot start while the first
-// runs: it is started once the first has ended instead of giving no output.
-TEST(sExecAll, WaitsForRoomInsteadOfLosingAnOutput) {
+// Never more than `parallel` at once: each command counts the marks present
+// while its own exists.
+TEST(sExecAll, RunsAtMostParallelAtOnce) {
+  char dir[] = "/tmp/tq-execall-XXXXXX";
+  ASSERT_NE(::mkdtemp(dir), nullptr);
+  std::vector<std::string> commands;
+  for (int i = 0; i < 6; ++i) {
+    const std::string own = std::string(dir) + "/" + std::to_string(i);
+    commands.push_back("touch " + own + "; sleep 0.2; ls " + dir + " | wc -l; rm " + own);
+  }
+  for (const auto& seen : sExecAll(commands, 2)) EXPECT_LE(std::stoi(seen), 2) << seen;
+  ::rmdir(dir);
+}
+
+// Short of descriptors or processes: a shell that cannot start while others
+// run is started once they have ended, and one that failed beside others runs
+// again alone, instead of either giving no output. Descriptors are filled up
+// to leave room for exactly one pipe, whatever the process already holds.
+TEST(sExecAll, ALimitCostsTimeNotOutputs) {
+  char dir[] = "/tmp/tq-execall-XXXXXX";
+  ASSERT_NE(::mkdtemp(dir), nullptr);
+  const std::string flag = std::string(dir) + "/failed-once";
   const pid_t child = ::fork();
   ASSERT_NE(child, -1);
   if (child == 0) {
-    const int lowestFree = ::dup(0);
-    ::close(lowestFree);
-    const rlimit limit{static_cast<rlim_t>(lowestFree) + 2, static_cast<rlim_t>(lowestFree) + 2};
-    if (lowestFree < 0 || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::_exit(2);
+    ::alarm(30);
+    const rlimit limit{256, 256};
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::_exit(2);
+    std::vector<int> fillers;
+    for (int fd; (fd = ::fcntl(2, F_DUPFD_CLOEXEC, 0)) >= 0;) fillers.push_back(fd);
+    if (errno != EMFILE || fillers.size() < 2) ::_exit(2);
+    ::close(fillers.back());
+    ::close(fillers[fillers.size() - 2]);
     const auto outputs = sExecAll({"echo a", "echo b", "echo c"}, 4);
-    ::_exit(outputs == std::vector<std::string>{"a\n", "b\n", "c\n"} ? 0 : 1);
+    if (outputs != std::vector<std::string>{"a\n", "b\n", "c\n"}) ::_exit(1);
+    for (size_t i = 0; i + 2 < fillers.size(); ++i) ::close(fillers[i]);
+    // The first run of command 1 fails (as a shell that cannot fork does).
+    const auto again =
+        sExecAll({"echo a", "[ -e " + flag + " ] && echo b || { touch " + flag + "; exit 2; }"}, 4);
+    ::_exit(again == std::vector<std::string>{"a\n", "b\n"} ? 0 : 3);
   }
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "2: could not set the limit, 1: an output was lost";
+  std::remove(flag.c_str());
+  ::rmdir(dir);
+  ASSERT_TRUE(WIFEXITED(status)) << "the child hung or crashed";
+  EXPECT_EQ(WEXITSTATUS(status), 0)
+      << "2: no limit set, 1: a start failure lost an output, 3: a failed run was kept";
 }
 
 // Copies stop at len - 1 and are terminated; no room or no record: untouched.
