@@ -42,6 +42,18 @@ def fmt_rate(per_second, unit):
     return f"{per_second:.1f} {unit}"
 
 
+GROUPS = ("ApiReadReg", "ApiReadRegParallel", "ApiScan", "FrameCopy", "ApiStreamFps", "ApiStreamStop",
+          "ApiAllocsPerFrame", "RawV4l2Stop")
+
+
+def table_order(name):
+    """Rows in a fixed order whatever order the benchmarks ran in: by group,
+    then by the numbers in the name (frame size, camera count)."""
+    group = name.split("/", 1)[0]
+    numbers = tuple(int(n) for n in re.findall(r"\d+", name.split("/", 1)[1])) if "/" in name else ()
+    return (GROUPS.index(group) if group in GROUPS else len(GROUPS), numbers, name)
+
+
 def rows(runs):
     """(value, shown, baseline, shown, ratio text, goal text, met) for every
     goal whose value ran; a missing baseline counts as missed."""
@@ -56,7 +68,7 @@ def rows(runs):
         out.append((name, shown(b["seconds"] * scale), base_label or base, shown(runs[base]["seconds"] * scale),
                     f"{ratio:.2f} x", f"<= {limit} x", ratio <= limit))
 
-    for name in runs:
+    for name in sorted(runs, key=table_order):
         if name == "ApiReadReg":
             time_ratio(name, "RawHidrawReadReg", 1.5)
         elif name.startswith("ApiReadRegParallel/"):
@@ -111,7 +123,7 @@ def main(paths):
     for row in cells:
         print("  ".join(str(c).ljust(w) for c, w in zip(row, widths)).rstrip())
     # For reference, no goal: how much of a stop is the driver's own tear-down.
-    for name in runs:
+    for name in sorted(runs, key=table_order):
         if name.startswith("RawV4l2Stop/"):
             dims = name.split("/", 1)[1]
             api = runs.get(f"ApiStreamStop/{dims}")
