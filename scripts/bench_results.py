@@ -48,10 +48,11 @@ GROUPS = ("ApiReadReg", "ApiReadRegParallel", "ApiScan", "FrameCopy", "ApiStream
 
 def table_order(name):
     """Rows in a fixed order whatever order the benchmarks ran in: by group,
-    then by the numbers in the name (frame size, camera count)."""
+    then by the numbers in the name (frame size, camera count), named
+    variants such as ApiStreamStop/idle last."""
     group = name.split("/", 1)[0]
     numbers = tuple(int(n) for n in re.findall(r"\d+", name.split("/", 1)[1])) if "/" in name else ()
-    return (GROUPS.index(group) if group in GROUPS else len(GROUPS), numbers, name)
+    return (GROUPS.index(group) if group in GROUPS else len(GROUPS), not numbers, numbers, name)
 
 
 def rows(runs):

@@ -39,18 +39,25 @@ std::string sExec(const std::string& command) {
 std::vector<std::string> sExecAll(const std::vector<std::string>& commands, size_t parallel) {
   std::vector<std::string> results(commands.size());
   if (parallel == 0) parallel = 1;
+  struct Running {
+    size_t index;
+    Pipe pipe;
+    bool overlapped;  // another command ran at some time during this one
+  };
   // Outputs are read in order; a command further on writes into its pipe
   // meanwhile and waits only if its output outgrows the pipe.
-  std::deque<std::pair<size_t, Pipe>> running;
-  // Commands that failed while others ran: a shell that could not fork for
-  // lack of processes looks like a failed walk. Each runs again alone.
+  std::deque<Running> running;
+  // A shell refused a fork for lack of processes ends non-zero with nothing
+  // on its output, as a walk of an unknown node does; only those that ran
+  // beside others can have met that, and they run again alone at the end.
   std::vector<size_t> again;
   size_t next = 0;
   while (next < commands.size() || !running.empty()) {
     if (next < commands.size() && running.size() < parallel) {
       Pipe pipe = startShell(commands[next]);
       if (pipe) {
-        running.emplace_back(next++, std::move(pipe));
+        for (auto& r : running) r.overlapped = true;
+        running.push_back({next++, std::move(pipe), !running.empty()});
         continue;
       }
       if (running.empty()) {
@@ -59,9 +66,11 @@ std::vector<std::string> sExecAll(const std::vector<std::string>& commands, size
       }
       // Out of processes or descriptors: let a running one end, then retry.
     }
-    auto [index, pipe] = std::move(running.front());
+    Running done = std::move(running.front());
     running.pop_front();
-    if (!readAndClose(std::move(pipe), results[index]) && parallel > 1) again.push_back(index);
+    std::string& output = results[done.index];
+    if (!readAndClose(std::move(done.pipe), output) && output.empty() && done.overlapped)
+      again.push_back(done.index);
   }
   for (size_t index : again) results[index] = sExec(commands[index]);
   return results;

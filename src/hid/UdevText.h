@@ -13,8 +13,8 @@ std::string sExec(const std::string& command);
 // outputs come back in the order of `commands`, as if run one after another.
 // When no further shell can be started (process or descriptor limit) the
 // running ones are finished first and the start is tried again; a command
-// that ends with a non-zero status beside others (its shell may have failed
-// to fork) runs again alone at the end. A command whose shell cannot be
+// that ran beside others and ended with a non-zero status and no output (its
+// shell may have been refused a fork) runs again alone at the end. A command whose shell cannot be
 // started even alone gives an empty output, as with sExec. Named after sExec,
 // whose overlapped form it is.
 std::vector<std::string> sExecAll(const std::vector<std::string>& commands, size_t parallel);
