@@ -7,10 +7,14 @@
 //   ApiStreamFps/W/H  frames per second into four client buffers with the
 //                     camera running free; RawV4l2Fps/W/H is a plain libv4l2
 //                     mmap loop on the same node copying into one buffer.
-//   ApiStreamStop/W/H TqUvcStreamStop while frames arrive (compare with one
-//                     frame interval of ApiStreamFps), ApiStreamStop/idle
-//                     while the camera sends nothing; RawV4l2Stop/W/H is the
-//                     driver's own tear-down of the same stream, for reference.
+//   ApiStreamStop/W/H TqUvcStreamStop while the camera streams at the rate
+//                     the library sets (its first advertised one), beside one
+//                     frame interval of that stream (counter
+//                     frame_interval_us); ApiStreamStop/idle while the camera
+//                     sends nothing.
+//   ApiStreamStopFreeRun/W/H  the same stop while the camera runs free; with
+//                     RawV4l2Stop/W/H, the driver's own tear-down of such a
+//                     stream, for reference.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <libv4l2.h>
@@ -129,7 +133,7 @@ void ColdMemcpy(benchmark::State& state) {
 void ApiStreamFps(benchmark::State& state) {
   // The waiting bench thread is woken once per batch: a third thread the raw
   // loop does not have, so it is kept rare.
-  constexpr int kBatch = 64;
+  constexpr int kBatch = 256;
   const int width = widthOf(state);
   const int height = heightOf(state);
   const size_t bytes = bench::frameBytes(width, height);
@@ -299,12 +303,17 @@ void RawV4l2Fps(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
 }
 
+enum class StopCase { Paced, FreeRun, Idle };
+// Buffers the capture thread asks the driver for.
+constexpr uint64_t kDriverBuffers = 4;
+
 // Each iteration starts the stream (not timed; the start settles for 100 ms)
-// and times the stop; `idle`: the camera sends nothing.
-void stopLatency(benchmark::State& state, int width, int height, bool idle) {
+// and times the stop. Paced: the camera keeps its own rate, and the interval
+// between two frames of each iteration is the stream's frame interval.
+void stopLatency(benchmark::State& state, int width, int height, StopCase mode) {
   tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
-  config.video.freeRun = true;
-  config.videoFaults.stopSending = idle;
+  config.video.freeRun = mode == StopCase::FreeRun;
+  config.videoFaults.stopSending = mode == StopCase::Idle;
   bench::ApiCameras cameras({config});
   if (!cameras.error().empty()) {
     state.SkipWithError(cameras.error().c_str());
@@ -316,10 +325,20 @@ void stopLatency(benchmark::State& state, int width, int height, bool idle) {
     state.SkipWithError(error.c_str());
     return;
   }
+  Clock::duration intervals{};
   for (auto _ : state) {
     std::string failed = client.start();
-    // Two frames: the capture thread is in its loop.
-    if (failed.empty() && !idle && !client.waitFor(client.frames() + 2)) failed = "no frame arrived";
+    // Frames flowing: the capture thread is in its loop. Frames the driver
+    // queued during the start come in a burst; a paced interval is measured
+    // after them.
+    if (failed.empty() && mode != StopCase::Idle) {
+      const uint64_t queued = mode == StopCase::Paced ? kDriverBuffers : 0;
+      const uint64_t first = client.frames() + queued + 1;
+      const bool arrived = client.waitFor(first);
+      const auto firstSeen = Clock::now();
+      if (!arrived || !client.waitFor(first + 1)) failed = "no frame arrived";
+      intervals += Clock::now() - firstSeen;
+    }
     const auto begin = Clock::now();
     const uint32_t rc = client.stop();
     state.SetIterationTime(std::chrono::duration<double>(Clock::now() - begin).count());
@@ -329,9 +348,17 @@ void stopLatency(benchmark::State& state, int width, int height, bool idle) {
       break;
     }
   }
+  if (mode == StopCase::Paced && state.iterations() > 0)
+    state.counters["frame_interval_us"] =
+        std::chrono::duration<double, std::micro>(intervals).count() / static_cast<double>(state.iterations());
 }
 
-void ApiStreamStop(benchmark::State& state) { stopLatency(state, widthOf(state), heightOf(state), false); }
+void ApiStreamStop(benchmark::State& state) {
+  stopLatency(state, widthOf(state), heightOf(state), StopCase::Paced);
+}
+void ApiStreamStopFreeRun(benchmark::State& state) {
+  stopLatency(state, widthOf(state), heightOf(state), StopCase::FreeRun);
+}
 
 // What the driver alone costs to stop the same free-running stream: STREAMOFF,
 // unmapping the buffers and closing the node, the tear-down a stop must do.
@@ -356,7 +383,7 @@ void RawV4l2Stop(benchmark::State& state) {
   }
   tqsim::reset();
 }
-void ApiStreamStopIdle(benchmark::State& state) { stopLatency(state, 640, 480, true); }
+void ApiStreamStopIdle(benchmark::State& state) { stopLatency(state, 640, 480, StopCase::Idle); }
 
 void frameSizes(benchmark::internal::Benchmark* b) {
   for (auto [w, h] : {std::pair<int, int>{320, 240}, {640, 480}, {1280, 960}, {1920, 1080}}) b->Args({w, h});
@@ -366,8 +393,15 @@ BENCHMARK(FrameCopy)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrose
 BENCHMARK(ColdMemcpy)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(ApiStreamFps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(RawV4l2Fps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
-// A fixed count bounds the run: every start settles for 100 ms.
+// A fixed count bounds the run: every start settles for 100 ms (and a paced
+// one waits for two frames more).
 BENCHMARK(ApiStreamStop)
+    ->Args({640, 480})
+    ->Args({1920, 1080})
+    ->Iterations(10)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(ApiStreamStopFreeRun)
     ->Args({640, 480})
     ->Args({1920, 1080})
     ->Iterations(20)
