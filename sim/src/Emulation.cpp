@@ -289,7 +289,11 @@ void InputFanout::sendLater(std::shared_ptr<Camera> camera, std::chrono::steady_
   auto at = std::upper_bound(later_.begin(), later_.end(), due,
                              [](const auto& when, const Later& entry) { return when < entry.due; });
   later_.insert(at, Later{std::move(camera), due, std::move(report)});
+  // A thread that found its queue empty has ended, or is past its last use of
+  // the lock: the join returns at once.
+  if (laterThread_.joinable() && laterEnded_) laterThread_.join();
   if (!laterThread_.joinable()) {
+    laterEnded_ = false;
     try {
       laterThread_ = std::thread([this] { serveLater(); });
     } catch (...) {
@@ -303,9 +307,10 @@ void InputFanout::sendLater(std::shared_ptr<Camera> camera, std::chrono::steady_
 void InputFanout::serveLater() {
   std::unique_lock<std::mutex> lock(laterMutex_);
   while (!stopping_) {
+    // Nothing left to send: end, so the thread lives only while answers wait.
     if (later_.empty()) {
-      laterWake_.wait(lock);
-      continue;
+      laterEnded_ = true;
+      return;
     }
     if (std::chrono::steady_clock::now() < later_.front().due) {
       laterWake_.wait_until(lock, later_.front().due);

@@ -60,7 +60,8 @@ struct InputFanout {
   void remove(int socket);
   // An answer of a descriptor that was closed before it was due: the device
   // still sends it, so the other readers get it at its time (dropped if the
-  // camera is unplugged by then). Served by a thread started on first use.
+  // camera is unplugged by then). Served by a thread that runs while such
+  // answers wait.
   void sendLater(std::shared_ptr<Camera> camera, std::chrono::steady_clock::time_point due,
                  std::vector<uint8_t> report);
 
@@ -76,6 +77,7 @@ struct InputFanout {
   std::condition_variable laterWake_;
   std::deque<Later> later_;  // in due order
   bool stopping_ = false;
+  bool laterEnded_ = false;  // the thread found nothing to send and ended
   std::thread laterThread_;
 };
 

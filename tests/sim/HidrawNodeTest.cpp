@@ -100,6 +100,7 @@ TEST_F(HidrawNode, WritesOutsideTheKernelsSizesFailAndLeaveTheNodeWorking) {
 // The kernel copies every input report to every open descriptor of the node.
 TEST_F(HidrawNode, AnswersReachEveryReader) {
   start();
+  const size_t threads = tqtest::threadCount();
   const int other = open("/dev/hidraw0", O_RDWR);
   ASSERT_GE(other, 0);
   const auto read = command(0x5C, {0, 0x04, 0x0A, 0, 0, 0});
@@ -109,7 +110,8 @@ TEST_F(HidrawNode, AnswersReachEveryReader) {
   close(other);
 
   // A writer that closes at once (a shell's redirection): the device still
-  // answers, to the readers left, whether the answer is due now or later.
+  // answers, to the readers left, whether the answer is due now or later;
+  // the thread that sends those answers does not outlive them.
   for (const uint32_t lateMs : {0u, 300u}) {
     SCOPED_TRACE(lateMs);
     tqsim::HidFaults faults;
@@ -120,6 +122,8 @@ TEST_F(HidrawNode, AnswersReachEveryReader) {
     ASSERT_EQ(write(writer, read.data(), read.size()), static_cast<ssize_t>(read.size()));
     close(writer);
     EXPECT_EQ(readReport(fd_, 5000), answer);
+    EXPECT_TRUE(tqtest::waitUntil([&] { return tqtest::threadCount() == threads; }, std::chrono::seconds(2)))
+        << tqtest::threadCount() << " threads, " << threads << " before";
   }
 }
 
