@@ -7,11 +7,11 @@
 //   ApiStreamFps/W/H  frames per second into four client buffers with the
 //                     camera running free; RawV4l2Fps/W/H is a plain libv4l2
 //                     mmap loop on the same node copying into one buffer.
-//   ApiStreamStop/W/H TqUvcStreamStop while the camera streams at the rate
-//                     the library sets (its first advertised one), beside one
-//                     frame interval of that stream (counter
-//                     frame_interval_us); ApiStreamStop/idle while the camera
-//                     sends nothing.
+//   ApiStreamStop/W/H TqUvcStreamStop at a random point of a frame interval
+//                     while the camera streams at the rate the library sets
+//                     (its first advertised one), beside one frame interval of
+//                     that stream (counter frame_interval_us);
+//                     ApiStreamStop/idle while the camera sends nothing.
 //   ApiStreamStopFreeRun/W/H  the same stop while the camera runs free; with
 //                     RawV4l2Stop/W/H, the driver's own tear-down of such a
 //                     stream, for reference.
@@ -30,13 +30,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "BenchCamera.h"
 #include "api/TqUvcLibAPI.h"
 #include "pool/TqUvcDevPool.h"
 #include "stream/TqUvcStrmHandler.h"
+#include "video/CaptureThread.h"
 
 namespace {
 
@@ -304,13 +307,17 @@ void RawV4l2Fps(benchmark::State& state) {
 }
 
 enum class StopCase { Paced, FreeRun, Idle };
-// Buffers the capture thread asks the driver for.
-constexpr uint64_t kDriverBuffers = 4;
 
 // Each iteration starts the stream (not timed; the start settles for 100 ms)
-// and times the stop. Paced: the camera keeps its own rate, and the interval
-// between two frames of each iteration is the stream's frame interval.
+// and times the stop. Paced: the camera keeps the rate the library sets, the
+// interval between two frames of each iteration is the stream's frame
+// interval, and the stop comes at a random point of the next one, as a
+// client's would.
 void stopLatency(benchmark::State& state, int width, int height, StopCase mode) {
+  // The buffers the capture thread queues: during the start the driver fills
+  // them all, and they arrive in a burst with one more made at once.
+  const uint64_t driverBuffers = CaptureThread().bufferCount();
+  std::mt19937 rng(1);
   tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
   config.video.freeRun = mode == StopCase::FreeRun;
   config.videoFaults.stopSending = mode == StopCase::Idle;
@@ -328,16 +335,16 @@ void stopLatency(benchmark::State& state, int width, int height, StopCase mode) 
   Clock::duration intervals{};
   for (auto _ : state) {
     std::string failed = client.start();
-    // Frames flowing: the capture thread is in its loop. Frames the driver
-    // queued during the start come in a burst; a paced interval is measured
-    // after them.
+    // Frames flowing: the capture thread is in its loop.
     if (failed.empty() && mode != StopCase::Idle) {
-      const uint64_t queued = mode == StopCase::Paced ? kDriverBuffers : 0;
-      const uint64_t first = client.frames() + queued + 1;
+      const uint64_t first = client.frames() + (mode == StopCase::Paced ? driverBuffers : 0) + 1;
       const bool arrived = client.waitFor(first);
       const auto firstSeen = Clock::now();
       if (!arrived || !client.waitFor(first + 1)) failed = "no frame arrived";
-      intervals += Clock::now() - firstSeen;
+      const Clock::duration interval = Clock::now() - firstSeen;
+      intervals += interval;
+      if (failed.empty() && mode == StopCase::Paced)
+        std::this_thread::sleep_for(std::uniform_real_distribution<double>(0.0, 1.0)(rng) * interval);
     }
     const auto begin = Clock::now();
     const uint32_t rc = client.stop();
@@ -349,8 +356,8 @@ void stopLatency(benchmark::State& state, int width, int height, StopCase mode) 
     }
   }
   if (mode == StopCase::Paced && state.iterations() > 0)
-    state.counters["frame_interval_us"] =
-        std::chrono::duration<double, std::micro>(intervals).count() / static_cast<double>(state.iterations());
+    state.counters["frame_interval_us"] = std::chrono::duration<double, std::micro>(intervals).count() /
+                                          static_cast<double>(state.iterations());
 }
 
 void ApiStreamStop(benchmark::State& state) {
@@ -393,26 +400,19 @@ BENCHMARK(FrameCopy)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrose
 BENCHMARK(ColdMemcpy)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(ApiStreamFps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(RawV4l2Fps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
-// A fixed count bounds the run: every start settles for 100 ms (and a paced
-// one waits for two frames more).
-BENCHMARK(ApiStreamStop)
-    ->Args({640, 480})
-    ->Args({1920, 1080})
-    ->Iterations(10)
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK(ApiStreamStopFreeRun)
-    ->Args({640, 480})
-    ->Args({1920, 1080})
-    ->Iterations(20)
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK(RawV4l2Stop)
-    ->Args({640, 480})
-    ->Args({1920, 1080})
-    ->Iterations(20)
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
+// Stops: two sizes, a fixed count (every start settles for 100 ms, and a
+// paced one waits up to three frame intervals more), each stop timed by hand.
+void stopRuns(benchmark::internal::Benchmark* b, int iterations) {
+  b->Args({640, 480})
+      ->Args({1920, 1080})
+      ->Iterations(iterations)
+      ->UseManualTime()
+      ->Unit(benchmark::kMicrosecond);
+}
+
+BENCHMARK(ApiStreamStop)->Apply([](benchmark::internal::Benchmark* b) { stopRuns(b, 10); });
+BENCHMARK(ApiStreamStopFreeRun)->Apply([](benchmark::internal::Benchmark* b) { stopRuns(b, 20); });
+BENCHMARK(RawV4l2Stop)->Apply([](benchmark::internal::Benchmark* b) { stopRuns(b, 20); });
 BENCHMARK(ApiStreamStopIdle)
     ->Name("ApiStreamStop/idle")
     ->Iterations(20)
