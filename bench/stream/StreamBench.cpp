@@ -25,6 +25,7 @@
 #include <tqsim/FramePattern.h>
 #include <tqsim/Sim.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -314,9 +315,10 @@ enum class StopCase { Paced, FreeRun, Idle };
 // interval, and the stop comes at a random point of the next one, as a
 // client's would.
 void stopLatency(benchmark::State& state, int width, int height, StopCase mode) {
-  // The buffers the capture thread queues: during the start the driver fills
-  // them all, and they arrive in a burst with one more made at once.
-  const uint64_t driverBuffers = CaptureThread().bufferCount();
+  // During the start the driver fills every buffer the capture thread
+  // queues; they arrive in a burst, and the frame made as the first comes
+  // back waits behind them. The interval is measured after that one.
+  const uint64_t startFrames = CaptureThread().bufferCount() + 1;
   std::mt19937 rng(1);
   tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
   config.video.freeRun = mode == StopCase::FreeRun;
@@ -332,17 +334,17 @@ void stopLatency(benchmark::State& state, int width, int height, StopCase mode) 
     state.SkipWithError(error.c_str());
     return;
   }
-  Clock::duration intervals{};
+  std::vector<double> intervalsUs;
   for (auto _ : state) {
     std::string failed = client.start();
     // Frames flowing: the capture thread is in its loop.
     if (failed.empty() && mode != StopCase::Idle) {
-      const uint64_t first = client.frames() + (mode == StopCase::Paced ? driverBuffers : 0) + 1;
+      const uint64_t first = client.frames() + (mode == StopCase::Paced ? startFrames : 0) + 1;
       const bool arrived = client.waitFor(first);
       const auto firstSeen = Clock::now();
       if (!arrived || !client.waitFor(first + 1)) failed = "no frame arrived";
       const Clock::duration interval = Clock::now() - firstSeen;
-      intervals += interval;
+      intervalsUs.push_back(std::chrono::duration<double, std::micro>(interval).count());
       if (failed.empty() && mode == StopCase::Paced)
         std::this_thread::sleep_for(std::uniform_real_distribution<double>(0.0, 1.0)(rng) * interval);
     }
@@ -355,9 +357,12 @@ void stopLatency(benchmark::State& state, int width, int height, StopCase mode) 
       break;
     }
   }
-  if (mode == StopCase::Paced && state.iterations() > 0)
-    state.counters["frame_interval_us"] = std::chrono::duration<double, std::micro>(intervals).count() /
-                                          static_cast<double>(state.iterations());
+  // The median: now and then the driver adds a frame to the start's burst,
+  // and that iteration's pair comes back to back.
+  if (mode == StopCase::Paced && !intervalsUs.empty()) {
+    std::sort(intervalsUs.begin(), intervalsUs.end());
+    state.counters["frame_interval_us"] = intervalsUs[intervalsUs.size() / 2];
+  }
 }
 
 void ApiStreamStop(benchmark::State& state) {
@@ -401,7 +406,7 @@ BENCHMARK(ColdMemcpy)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicros
 BENCHMARK(ApiStreamFps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(RawV4l2Fps)->Apply(frameSizes)->UseRealTime()->Unit(benchmark::kMicrosecond);
 // Stops: two sizes, a fixed count (every start settles for 100 ms, and a
-// paced one waits up to three frame intervals more), each stop timed by hand.
+// paced one waits up to four frame intervals more), each stop timed by hand.
 void stopRuns(benchmark::internal::Benchmark* b, int iterations) {
   b->Args({640, 480})
       ->Args({1920, 1080})
