@@ -241,12 +241,16 @@ bool Emulation::active() const {
 void Emulation::shutdown() {
   if (gInChild.load()) return;  // nothing here belongs to a child
   std::map<int, Node> nodes;
+  std::vector<std::shared_ptr<InputFanout>> fanouts;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!active_) return;
     active_ = false;
     nodes.swap(nodes_);
-    for (Entry& entry : cameras_) entry.camera->setPlugged(false);
+    for (Entry& entry : cameras_) {
+      entry.camera->setPlugged(false);
+      fanouts.push_back(entry.fanout);
+    }
     if (ownsStateDir_) {
       ::unlink(statePath_.c_str());
       ::unlink((statePath_ + ".tmp").c_str());
@@ -258,6 +262,9 @@ void Emulation::shutdown() {
     if (node.video) node.video->shutdown();
   }
   nodes.clear();
+  // And the threads sending answers of closed descriptors (the cameras are
+  // unplugged: nothing more is sent).
+  for (const std::shared_ptr<InputFanout>& fanout : fanouts) fanout->stopLater();
 }
 
 void InputFanout::send(const std::vector<uint8_t>& report) {
@@ -266,11 +273,14 @@ void InputFanout::send(const std::vector<uint8_t>& report) {
   for (int socket : sockets) ::send(socket, report.data(), report.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
-InputFanout::~InputFanout() {
+InputFanout::~InputFanout() { stopLater(); }
+
+void InputFanout::stopLater() {
   {
     std::lock_guard<std::mutex> lock(laterMutex_);
     stopping_ = true;
   }
+  // No sendLater touches the thread from here on.
   laterWake_.notify_all();
   if (!laterThread_.joinable()) return;
   // A forked child has no copy of the thread to join.
@@ -290,8 +300,14 @@ void InputFanout::sendLater(std::shared_ptr<Camera> camera, std::chrono::steady_
                              [](const auto& when, const Later& entry) { return when < entry.due; });
   later_.insert(at, Later{std::move(camera), due, std::move(report)});
   // A thread that found its queue empty has ended, or is past its last use of
-  // the lock: the join returns at once.
-  if (laterThread_.joinable() && laterEnded_) laterThread_.join();
+  // the lock: the join returns at once. A forked child has no copy of the
+  // thread, whatever its record says.
+  if (laterThread_.joinable() && (laterEnded_ || gInChild.load())) {
+    if (gInChild.load())
+      laterThread_.detach();
+    else
+      laterThread_.join();
+  }
   if (!laterThread_.joinable()) {
     laterEnded_ = false;
     try {

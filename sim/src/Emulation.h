@@ -64,6 +64,9 @@ struct InputFanout {
   // answers wait.
   void sendLater(std::shared_ptr<Camera> camera, std::chrono::steady_clock::time_point due,
                  std::vector<uint8_t> report);
+  // Ends and joins that thread; later answers are dropped. At exit and on
+  // destruction.
+  void stopLater();
 
  private:
   struct Later {

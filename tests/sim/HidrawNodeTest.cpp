@@ -112,7 +112,8 @@ TEST_F(HidrawNode, AnswersReachEveryReader) {
   // A writer that closes at once (a shell's redirection): the device still
   // answers, to the readers left, whether the answer is due now or later;
   // the thread that sends those answers does not outlive them.
-  for (const uint32_t lateMs : {0u, 300u}) {
+  // Twice late: the second hand-over finds the first thread ended.
+  for (const uint32_t lateMs : {0u, 300u, 300u}) {
     SCOPED_TRACE(lateMs);
     tqsim::HidFaults faults;
     faults.lateAnswerMs = lateMs;
