@@ -43,7 +43,7 @@ def fmt_rate(per_second, unit):
 
 
 GROUPS = ("ApiReadReg", "ApiReadRegParallel", "ApiScan", "FrameCopy", "ApiStreamFps", "ApiStreamStop",
-          "ApiAllocsPerFrame", "ApiStreamStopFreeRun", "RawV4l2Stop")
+          "ApiAllocsPerFrame", "StreamFpsPaired", "ApiStreamStopFreeRun", "RawV4l2Stop")
 
 
 def table_order(name):
@@ -137,7 +137,11 @@ def main(paths):
     for name in sorted(runs, key=table_order):
         dims = name.split("/", 1)[1] if "/" in name else ""
         raw = runs.get(f"RawV4l2Stop/{dims}")
-        if name.startswith("ApiStreamStopFreeRun/"):
+        if name.startswith("StreamFpsPaired/") and "ratio" in runs[name]:
+            r = runs[name]
+            print(f"reference: {name}: the library at {r['ratio']:.2f} x the raw loop's rate, taking turns "
+                  f"on one node (median of pairs; {r['api_fps']:.0f} fps / {r['raw_fps']:.0f} fps)")
+        elif name.startswith("ApiStreamStopFreeRun/"):
             s = runs[name]["seconds"]
             line = f"reference: {name} {fmt_time(s)}"
             if raw is not None:

@@ -12,6 +12,8 @@
 //                     (its first advertised one), beside one frame interval of
 //                     that stream (counter frame_interval_us);
 //                     ApiStreamStop/idle while the camera sends nothing.
+//   StreamFpsPaired/W/H the two above taking turns on one node, a quarter
+//                     second each; median ratio of ten pairs, for reference.
 //   ApiStreamStopFreeRun/W/H  the same stop while the camera runs free; with
 //                     RawV4l2Stop/W/H, the driver's own tear-down of such a
 //                     stream, for reference.
@@ -307,6 +309,73 @@ void RawV4l2Fps(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
 }
 
+// The library and the raw loop take turns on the same free-running node, a
+// slice of about a quarter second each; the ratio of each pair's rates is
+// kept, and the median of those is robust to a host whose speed changes over
+// seconds, which random interleaving of whole repetitions is not. Counters:
+// ratio, api_fps and raw_fps (medians over the pairs). Reference, no goal.
+void StreamFpsPaired(benchmark::State& state) {
+  constexpr auto kSlice = std::chrono::milliseconds(250);
+  const int width = widthOf(state);
+  const int height = heightOf(state);
+  tqsim::CameraConfig config = bench::cameraConfig(0, width, height);
+  config.video.freeRun = true;
+  bench::ApiCameras cameras({config});
+  if (!cameras.error().empty()) {
+    state.SkipWithError(cameras.error().c_str());
+    return;
+  }
+  bench::StreamClient client(bench::frameBytes(width, height));
+  std::string error = client.open(cameras.handle(0));
+  if (!error.empty()) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  auto seconds = [](Clock::duration d) { return std::chrono::duration<double>(d).count(); };
+  uint64_t sliceFrames = 0;  // from the first raw slice
+  std::vector<double> ratios, apiFps, rawFps;
+  for (auto _ : state) {
+    double raw = 0;
+    {
+      RawCapture capture("/dev/video0", width, height);
+      error = capture.error();
+      if (error.empty() && !(capture.frame() && capture.frame())) error = "no frame arrived (raw)";
+      const auto begin = Clock::now();
+      uint64_t n = 0;
+      while (error.empty() && (sliceFrames != 0 ? n < sliceFrames : Clock::now() - begin < kSlice)) {
+        if (!capture.frame()) error = "frames stopped arriving (raw)";
+        ++n;
+      }
+      raw = static_cast<double>(n) / seconds(Clock::now() - begin);
+      if (sliceFrames == 0) sliceFrames = std::max<uint64_t>(n, 16);
+    }
+    double api = 0;
+    if (error.empty()) error = client.start();
+    if (error.empty()) {
+      const uint64_t first = client.frames() + 2;
+      if (!client.waitFor(first)) error = "no frame arrived";
+      const auto begin = Clock::now();
+      if (error.empty() && !client.waitFor(first + sliceFrames)) error = "frames stopped arriving";
+      api = static_cast<double>(sliceFrames) / seconds(Clock::now() - begin);
+      client.stop();
+    }
+    if (!error.empty()) {
+      state.SkipWithError(error.c_str());
+      return;
+    }
+    ratios.push_back(api / raw);
+    apiFps.push_back(api);
+    rawFps.push_back(raw);
+  }
+  auto median = [](std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0.0 : v[v.size() / 2];
+  };
+  state.counters["ratio"] = median(ratios);
+  state.counters["api_fps"] = median(apiFps);
+  state.counters["raw_fps"] = median(rawFps);
+}
+
 enum class StopCase { Paced, FreeRun, Idle };
 
 // Each iteration starts the stream (not timed; the start settles for 100 ms)
@@ -418,6 +487,8 @@ void stopRuns(benchmark::internal::Benchmark* b, int iterations) {
 BENCHMARK(ApiStreamStop)->Apply([](benchmark::internal::Benchmark* b) { stopRuns(b, 10); });
 BENCHMARK(ApiStreamStopFreeRun)->Apply([](benchmark::internal::Benchmark* b) { stopRuns(b, 20); });
 BENCHMARK(RawV4l2Stop)->Apply([](benchmark::internal::Benchmark* b) { stopRuns(b, 20); });
+// Ten pairs, once: the pairing is the repetition.
+BENCHMARK(StreamFpsPaired)->Apply(frameSizes)->Iterations(10)->Repetitions(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(ApiStreamStopIdle)
     ->Name("ApiStreamStop/idle")
     ->Iterations(20)
