@@ -12,8 +12,9 @@
 //                     (its first advertised one), beside one frame interval of
 //                     that stream (counter frame_interval_us);
 //                     ApiStreamStop/idle while the camera sends nothing.
-//   StreamFpsPaired/W/H the two above taking turns on one node, a quarter
-//                     second each; median ratio of ten pairs, for reference.
+//   StreamFpsPaired/W/H the two above taking turns on one node, about a
+//                     quarter second each; median ratio of ten pairs, for
+//                     reference.
 //   ApiStreamStopFreeRun/W/H  the same stop while the camera runs free; with
 //                     RawV4l2Stop/W/H, the driver's own tear-down of such a
 //                     stream, for reference.
@@ -309,11 +310,11 @@ void RawV4l2Fps(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
 }
 
-// The library and the raw loop take turns on the same free-running node, a
-// slice of about a quarter second each; the ratio of each pair's rates is
-// kept, and the median of those is robust to a host whose speed changes over
-// seconds, which random interleaving of whole repetitions is not. Counters:
-// ratio, api_fps and raw_fps (medians over the pairs). Reference, no goal.
+// The library and the raw loop take turns on the same free-running node for a
+// quarter second each, the first of a pair alternating; the ratio of each
+// pair's rates is kept, and their median is not moved by a host whose speed
+// drifts over seconds, as separate repetitions are. Counters: ratio, api_fps
+// and raw_fps (medians over the pairs). Reference, no goal.
 void StreamFpsPaired(benchmark::State& state) {
   constexpr auto kSlice = std::chrono::milliseconds(250);
   const int width = widthOf(state);
@@ -331,34 +332,44 @@ void StreamFpsPaired(benchmark::State& state) {
     state.SkipWithError(error.c_str());
     return;
   }
-  auto seconds = [](Clock::duration d) { return std::chrono::duration<double>(d).count(); };
-  uint64_t sliceFrames = 0;  // from the first raw slice
+  auto rate = [](uint64_t frames, Clock::duration d) {
+    return static_cast<double>(frames) / std::chrono::duration<double>(d).count();
+  };
+  // Frames per second after two warm-up frames; 0 (and `error` set) on failure.
+  auto rawSlice = [&] {
+    RawCapture capture("/dev/video0", width, height);
+    error = capture.error();
+    if (error.empty() && !(capture.frame() && capture.frame())) error = "no frame arrived (raw)";
+    const auto begin = Clock::now();
+    uint64_t n = 0;
+    while (error.empty() && Clock::now() - begin < kSlice) {
+      if (!capture.frame()) error = "frames stopped arriving (raw)";
+      ++n;
+    }
+    return error.empty() ? rate(n, Clock::now() - begin) : 0.0;
+  };
+  // The bench thread sleeps through the slice: no wake-up per frame.
+  auto apiSlice = [&] {
+    error = client.start();
+    if (!error.empty()) return 0.0;
+    if (!client.waitFor(client.frames() + 2)) error = "no frame arrived";
+    const uint64_t first = client.frames();
+    const auto begin = Clock::now();
+    std::this_thread::sleep_for(kSlice);
+    const uint64_t n = client.frames() - first;
+    const auto end = Clock::now();
+    client.stop();
+    if (error.empty() && n == 0) error = "frames stopped arriving";
+    return error.empty() ? rate(n, end - begin) : 0.0;
+  };
   std::vector<double> ratios, apiFps, rawFps;
   for (auto _ : state) {
+    const bool rawFirst = ratios.size() % 2 == 0;
     double raw = 0;
-    {
-      RawCapture capture("/dev/video0", width, height);
-      error = capture.error();
-      if (error.empty() && !(capture.frame() && capture.frame())) error = "no frame arrived (raw)";
-      const auto begin = Clock::now();
-      uint64_t n = 0;
-      while (error.empty() && (sliceFrames != 0 ? n < sliceFrames : Clock::now() - begin < kSlice)) {
-        if (!capture.frame()) error = "frames stopped arriving (raw)";
-        ++n;
-      }
-      raw = static_cast<double>(n) / seconds(Clock::now() - begin);
-      if (sliceFrames == 0) sliceFrames = std::max<uint64_t>(n, 16);
-    }
     double api = 0;
-    if (error.empty()) error = client.start();
-    if (error.empty()) {
-      const uint64_t first = client.frames() + 2;
-      if (!client.waitFor(first)) error = "no frame arrived";
-      const auto begin = Clock::now();
-      if (error.empty() && !client.waitFor(first + sliceFrames)) error = "frames stopped arriving";
-      api = static_cast<double>(sliceFrames) / seconds(Clock::now() - begin);
-      client.stop();
-    }
+    if (rawFirst) raw = rawSlice();
+    if (error.empty()) api = apiSlice();
+    if (error.empty() && !rawFirst) raw = rawSlice();
     if (!error.empty()) {
       state.SkipWithError(error.c_str());
       return;
@@ -368,8 +379,10 @@ void StreamFpsPaired(benchmark::State& state) {
     rawFps.push_back(raw);
   }
   auto median = [](std::vector<double> v) {
+    if (v.empty()) return 0.0;
     std::sort(v.begin(), v.end());
-    return v.empty() ? 0.0 : v[v.size() / 2];
+    const size_t mid = v.size() / 2;
+    return v.size() % 2 != 0 ? v[mid] : (v[mid - 1] + v[mid]) / 2;
   };
   state.counters["ratio"] = median(ratios);
   state.counters["api_fps"] = median(apiFps);
