@@ -28,6 +28,9 @@ constexpr uint32_t kMaxBuffers = 32;
 constexpr size_t kFillSlice = 256 * 1024;
 // How often an idle or waiting producer looks at faults and the plug state.
 constexpr std::chrono::milliseconds kFaultPoll{10};
+// Longest a dequeue waits for the signal of a frame it took (see
+// consumeFrameSignal); the producer sends it right after publishing.
+constexpr int kSignalWaitMs = 100;
 constexpr v4l2_fract kDefaultInterval{1, 30};
 // uvcvideo's metadata buffer size.
 constexpr uint32_t kMetaBufferSize = 10240;
@@ -658,12 +661,15 @@ int VideoStream::qbuf(v4l2_buffer* buf) {
   if (shared().busy(nodeKey(), this)) return EBUSY;
   if (buf->type != bufferType()) return EINVAL;
   if (buf->memory != V4L2_MEMORY_MMAP) return EINVAL;
-  std::lock_guard<std::mutex> lock(mutex_);
-  const uint32_t index = buf->index;
-  if (index >= states_.size() || states_[index] != BufferState::Dequeued) return EINVAL;
-  states_[index] = BufferState::Queued;
-  incoming_.push_back(index);
-  fillBufferInfoLocked(index, buf);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const uint32_t index = buf->index;
+    if (index >= states_.size() || states_[index] != BufferState::Dequeued) return EINVAL;
+    states_[index] = BufferState::Queued;
+    incoming_.push_back(index);
+    fillBufferInfoLocked(index, buf);
+  }
+  // Outside the lock: a producer woken here does not block on it at once.
   wake_.notify_all();
   return 0;
 }
@@ -674,26 +680,33 @@ int VideoStream::dqbuf(v4l2_buffer* buf) {
   if (buf->memory != V4L2_MEMORY_MMAP) return EINVAL;
   const VideoFaults faults = camera_->videoRunState().faults;
   const int faultErrno = faults.dqbufErrno;
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (!streaming_) return EINVAL;
-  // dqbufAgain: readable, yet nothing to take (the frames stay ready).
-  if (done_.empty() || faults.dqbufAgain) return EAGAIN;
-  DoneFrame frame = done_.front();
-  done_.pop_front();
-  consumeFrameSignalLocked();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!streaming_) return EINVAL;
+    // dqbufAgain: readable, yet nothing to take (the frames stay ready).
+    if (done_.empty() || faults.dqbufAgain) return EAGAIN;
+    DoneFrame frame = done_.front();
+    done_.pop_front();
+    if (faultErrno != 0) {
+      // The failed frame is lost and its buffer goes back to the driver, so a
+      // failing driver costs one error per frame rather than a busy loop.
+      states_[frame.index] = BufferState::Queued;
+      incoming_.push_back(frame.index);
+    } else {
+      states_[frame.index] = BufferState::Dequeued;
+      fillBufferInfoLocked(frame.index, buf);
+      buf->bytesused = frame.bytesUsed;
+      buf->sequence = frame.sequence;
+      buf->timestamp = frame.timestamp;
+    }
+  }
+  // The frame's count comes off outside the lock, which the producer needs
+  // for the next frame.
+  consumeFrameSignal();
   if (faultErrno != 0) {
-    // The failed frame is lost and its buffer goes back to the driver, so a
-    // failing driver costs one error per frame rather than a busy loop.
-    states_[frame.index] = BufferState::Queued;
-    incoming_.push_back(frame.index);
     wake_.notify_all();
     return faultErrno;
   }
-  states_[frame.index] = BufferState::Dequeued;
-  fillBufferInfoLocked(frame.index, buf);
-  buf->bytesused = frame.bytesUsed;
-  buf->sequence = frame.sequence;
-  buf->timestamp = frame.timestamp;
   return 0;
 }
 
@@ -743,19 +756,22 @@ void VideoStream::stopProducer(std::unique_lock<std::mutex>& lock) {
 void VideoStream::dropReadyFramesLocked() {
   while (!done_.empty()) {
     done_.pop_front();
-    consumeFrameSignalLocked();
+    consumeFrameSignal();
   }
 }
 
-bool VideoStream::signalFrameLocked() {
+bool VideoStream::signalFrame() {
   uint64_t one = 1;
   return write(eventFd_, &one, sizeof(one)) == static_cast<ssize_t>(sizeof(one));
 }
 
-bool VideoStream::consumeFrameSignalLocked() {
-  // The descriptor may be a blocking one: look before reading.
+bool VideoStream::consumeFrameSignal() {
+  // The producer signals a frame just after publishing it, outside the lock,
+  // so a frame taken at once may find its count still coming: wait for it
+  // (briefly: nothing else stands between the two). The descriptor may be a
+  // blocking one, so look before reading.
   pollfd ready{eventFd_, POLLIN, 0};
-  if (::poll(&ready, 1, 0) != 1) return false;
+  if (::poll(&ready, 1, kSignalWaitMs) != 1) return false;
   uint64_t value = 0;
   return read(eventFd_, &value, sizeof(value)) == static_cast<ssize_t>(sizeof(value));
 }
@@ -781,8 +797,11 @@ void VideoStream::producerLoop() {
   using Clock = std::chrono::steady_clock;
   std::unique_lock<std::mutex> lock(mutex_);
   Clock::time_point next = Clock::now();
+  bool signal = false;  // a frame published and not yet signalled
   while (!stopProducer_) {
     lock.unlock();
+    if (signal) signalFrame();
+    signal = false;
     const Camera::VideoRunState run = camera_->videoRunState();
     const bool gone = !camera_->plugged() || run.faults.selectFails;
     if (gone) breakStream();
@@ -834,13 +853,20 @@ void VideoStream::producerLoop() {
                     timeval{ts.tv_sec, ts.tv_nsec / 1000}};
     states_[index] = BufferState::Done;
     done_.push_back(frame);
-    signalFrameLocked();
     ++framesProduced_;
     if (!freeRun) {
       next += framePeriodLocked();
       // After a stall (slow consumer) keep the rate instead of catching up.
       if (next < Clock::now()) next = Clock::now();
     }
+    // Sent at the top of the next round, outside the lock: the reader it
+    // wakes does not find the lock still held (vb2 too wakes after releasing
+    // its done lock).
+    signal = true;
+  }
+  if (signal) {
+    lock.unlock();
+    signalFrame();
   }
 }
 

@@ -141,8 +141,8 @@ class VideoStream {
   void releaseBuffersLocked();
   void stopProducer(std::unique_lock<std::mutex>& lock);
   void dropReadyFramesLocked();
-  bool signalFrameLocked();
-  bool consumeFrameSignalLocked();
+  bool signalFrame();
+  bool consumeFrameSignal();
   void producerLoop();
   std::chrono::nanoseconds framePeriodLocked() const;
 

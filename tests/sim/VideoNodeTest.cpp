@@ -293,6 +293,38 @@ TEST_F(VideoNode, WaitsBehaveAsTheDriversDo) {
   close(reused);
 }
 
+// The node is readable exactly while a finished frame waits, also for a
+// client that dequeues without waiting and so takes frames the moment they
+// are published (the frame count must still come off each one).
+TEST_F(VideoNode, ReadableOnlyWhileAFrameWaits) {
+  tqsim::CameraConfig config = tqsim::defaultCameraConfig();
+  config.video.freeRun = true;
+  plug(config);
+  const int fd = openNode("/dev/video0", O_RDWR | O_NONBLOCK);
+  v4l2_format fmt = captureFormat(320, 240);
+  ASSERT_EQ(ioctl(fd, VIDIOC_S_FMT, &fmt), 0) << strerror(errno);
+  constexpr uint32_t kBuffers = 4;
+  v4l2_requestbuffers req = bufferRequest(kBuffers);
+  ASSERT_EQ(ioctl(fd, VIDIOC_REQBUFS, &req), 0) << strerror(errno);
+  ASSERT_EQ(req.count, kBuffers);
+  int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  for (int round = 0; round < 100; ++round) {
+    startStreaming(fd, kBuffers, false);
+    for (uint32_t taken = 0; taken < kBuffers;) {
+      v4l2_buffer buf = mmapBuffer();
+      if (ioctl(fd, VIDIOC_DQBUF, &buf) == 0) {
+        ++taken;
+      } else {
+        ASSERT_EQ(errno, EAGAIN) << strerror(errno);
+      }
+    }
+    // Every buffer is out: no frame can come, so nothing may be readable.
+    pollfd p{fd, POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 0), 0) << "readable with no frame in round " << round;
+    ASSERT_EQ(ioctl(fd, VIDIOC_STREAMOFF, &type), 0) << strerror(errno);
+  }
+}
+
 // Records through the control API are bounded like the configuration file's.
 TEST_F(VideoNode, ApiRefusesFrameSizesTheFileRefuses) {
   tqsim::CameraConfig huge = tqsim::defaultCameraConfig();
