@@ -758,9 +758,25 @@ void VideoStream::dropReadyFramesLocked() {
     done_.pop_front();
     consumeFrameSignal();
   }
+  // The producer is gone: whatever count is left over (of a dequeue that gave
+  // up waiting for it) goes too, so the next stream starts unreadable. A
+  // broken stream keeps its count: it stays readable.
+  if (broken_) return;
+  pollfd ready{eventFd_, POLLIN, 0};
+  const timespec now{};
+  uint64_t value = 0;
+  while (real::ppoll(&ready, 1, &now, nullptr) == 1 &&
+         read(eventFd_, &value, sizeof(value)) == static_cast<ssize_t>(sizeof(value))) {
+  }
+  owedSignals_ = 0;
 }
 
 bool VideoStream::signalFrame() {
+  // A dequeue that gave up waiting for a count is owed one: this is it, so it
+  // is not added.
+  for (uint32_t owed = owedSignals_.load(); owed != 0;) {
+    if (owedSignals_.compare_exchange_weak(owed, owed - 1)) return true;
+  }
   uint64_t one = 1;
   return write(eventFd_, &one, sizeof(one)) == static_cast<ssize_t>(sizeof(one));
 }
@@ -769,9 +785,23 @@ bool VideoStream::consumeFrameSignal() {
   // The producer signals a frame just after publishing it, outside the lock,
   // so a frame taken at once may find its count still coming: wait for it
   // (briefly: nothing else stands between the two). The descriptor may be a
-  // blocking one, so look before reading.
-  pollfd ready{eventFd_, POLLIN, 0};
-  if (::poll(&ready, 1, kSignalWaitMs) != 1) return false;
+  // blocking one, so look before reading; at the eventfd itself, not through
+  // the node's poll, which answers at once for a stream that was stopped.
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kSignalWaitMs);
+  for (;;) {
+    pollfd ready{eventFd_, POLLIN, 0};
+    const auto left = std::max(Clock::duration::zero(), deadline - Clock::now());
+    const auto secs = std::chrono::duration_cast<std::chrono::seconds>(left);
+    const timespec wait{static_cast<time_t>(secs.count()),
+                        static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - secs).count())};
+    const int rc = real::ppoll(&ready, 1, &wait, nullptr);
+    if (rc == 1) break;
+    if (rc == -1 && errno == EINTR) continue;
+    // Not come in time: the producer leaves out its next count instead.
+    ++owedSignals_;
+    return false;
+  }
   uint64_t value = 0;
   return read(eventFd_, &value, sizeof(value)) == static_cast<ssize_t>(sizeof(value));
 }

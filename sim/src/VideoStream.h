@@ -2,7 +2,8 @@
 // buffers (one memfd, mappable by the client) and the producer thread that
 // fills queued buffers with the test pattern. The descriptor handed out is an
 // eventfd that counts finished frames, so a client's select/poll on it is the
-// real call: readable exactly while a VIDIOC_DQBUF would succeed.
+// real call: readable while a VIDIOC_DQBUF would succeed (from a moment after
+// the frame is published).
 #pragma once
 
 #include <linux/videodev2.h>
@@ -155,6 +156,9 @@ class VideoStream {
   mutable std::mutex mutex_;
   std::condition_variable wake_;
   std::atomic<bool> broken_{false};
+  // Counts a dequeue stopped waiting for (see consumeFrameSignal); the
+  // producer leaves out that many.
+  std::atomic<uint32_t> owedSignals_{0};
 
   uint32_t width_ = 0;
   uint32_t height_ = 0;
