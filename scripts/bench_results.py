@@ -139,11 +139,19 @@ def main(paths):
         raw = runs.get(f"RawV4l2Stop/{dims}")
         if name.startswith("StreamFpsPaired/"):
             r = runs[name]
-            if not all(k in r for k in ("ratio", "api_fps", "raw_fps")):
+            if not all(k in r for k in ("ratio", "ratio4", "api_fps", "raw_fps", "raw4_fps")):
                 print(f"reference: {name}: no counters")
             else:
-                print(f"reference: {name}: the library at {r['ratio']:.2f} x the raw loop's rate, taking turns "
-                      f"on one node (medians of ten pairs: ratio; {r['api_fps']:.0f} fps, {r['raw_fps']:.0f} fps)")
+                print(f"reference: {name}: taking turns on one node, the library at {r['ratio']:.2f} x the raw "
+                      f"loop's rate and at {r['ratio4']:.2f} x the raw loop copying into four buffers in turn "
+                      f"(medians of ten rounds; {r['api_fps']:.0f}, {r['raw_fps']:.0f}, {r['raw4_fps']:.0f} fps)")
+        elif name.startswith("ApiStreamFps/") and "consumer_cpu_us" in runs[name]:
+            api = runs[name]["consumer_cpu_us"]
+            base = runs.get(f"RawV4l2Fps/{dims}", {}).get("consumer_cpu_us")
+            line = f"reference: consumer CPU per frame {dims}: the capture thread {api:.1f} us"
+            if base:
+                line += f", the raw loop {base:.1f} us ({api / base:.2f} x)"
+            print(line)
         elif name.startswith("ApiStreamStopFreeRun/"):
             s = runs[name]["seconds"]
             line = f"reference: {name} {fmt_time(s)}"

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <benchmark/benchmark.h>
+#include <pthread.h>
 #include <tq_uvc.h>
 #include <tqsim/Sim.h>
 
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -157,6 +159,16 @@ class StreamClient {
   }
 
   uint64_t frames() const { return frames_.load(std::memory_order_relaxed); }
+  // CPU time the thread delivering frames has used so far, in seconds; -1
+  // before the first frame. Only while the stream runs: the thread must exist.
+  double delivererCpuSeconds() const {
+    const pthread_t thread = deliverer_.load(std::memory_order_relaxed);
+    clockid_t clock;
+    timespec t{};
+    if (!hasDeliverer_.load() || pthread_getcpuclockid(thread, &clock) != 0 || clock_gettime(clock, &t) != 0)
+      return -1;
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+  }
   const uint8_t* buffer(uint32_t i) const { return memory_.at(i).get(); }
   // False when the count has not reached `target` within the time-out.
   bool waitFor(uint64_t target) {
@@ -173,6 +185,8 @@ class StreamClient {
       return;
     }
     __atomic_store_n(&self->lockTable_[index], (index + 1) % kBuffers, __ATOMIC_RELAXED);
+    self->deliverer_.store(pthread_self(), std::memory_order_relaxed);
+    if (!self->hasDeliverer_.load(std::memory_order_relaxed)) self->hasDeliverer_.store(true);
     // Lock only to wake the waiter, not on every frame.
     if (self->frames_.fetch_add(1, std::memory_order_relaxed) + 1 >= self->target_.load()) {
       std::lock_guard<std::mutex> lock(self->mutex_);
@@ -194,6 +208,8 @@ class StreamClient {
   bool started_ = false;
   std::atomic<uint64_t> frames_{0};
   std::atomic<uint64_t> target_{UINT64_MAX};
+  std::atomic<pthread_t> deliverer_{};
+  std::atomic<bool> hasDeliverer_{false};
   std::mutex mutex_;
   std::condition_variable arrived_;
 };

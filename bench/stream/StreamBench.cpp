@@ -13,8 +13,10 @@
 //                     that stream (counter frame_interval_us);
 //                     ApiStreamStop/idle while the camera sends nothing.
 //   StreamFpsPaired/W/H the two above taking turns on one node, about a
-//                     quarter second each; median ratio of ten pairs, for
-//                     reference.
+//                     quarter second each, with a third turn: the raw loop
+//                     copying into four buffers in turn, as the library must
+//                     for a client with four; median ratios of ten rounds,
+//                     for reference.
 //   ApiStreamStopFreeRun/W/H  the same stop while the camera runs free; with
 //                     RawV4l2Stop/W/H, the driver's own tear-down of such a
 //                     stream, for reference.
@@ -137,6 +139,21 @@ void ColdMemcpy(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
 }
 
+double threadCpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+// Counter consumer_cpu_us: CPU time per frame of the thread that takes frames
+// from the node and copies them (the capture thread, or the raw loop's),
+// sleeps and wake-ups included. Unlike the rate it does not depend on how the
+// host times the two threads' wake-ups.
+void setConsumerCpu(benchmark::State& state, double before, double after, uint64_t frames) {
+  if (before >= 0 && after > before && frames > 0)
+    state.counters["consumer_cpu_us"] = (after - before) * 1e6 / static_cast<double>(frames);
+}
+
 void ApiStreamFps(benchmark::State& state) {
   // The waiting bench thread is woken once per batch: a third thread the raw
   // loop does not have, so it is kept rare.
@@ -161,6 +178,7 @@ void ApiStreamFps(benchmark::State& state) {
     return;
   }
   uint64_t target = client.frames();
+  const double cpuBefore = client.delivererCpuSeconds();
   while (state.KeepRunningBatch(kBatch)) {
     target += kBatch;
     if (!client.waitFor(target)) {
@@ -168,6 +186,7 @@ void ApiStreamFps(benchmark::State& state) {
       break;
     }
   }
+  setConsumerCpu(state, cpuBefore, client.delivererCpuSeconds(), client.frames() - (target - state.iterations()));
   state.SetItemsProcessed(state.iterations());
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
 }
@@ -181,10 +200,11 @@ int xioctl(int fd, unsigned long request, void* arg) {
 }
 
 // A plain capture loop: open, set the format, map four buffers, stream; per
-// frame wait, dequeue, copy into one buffer, queue again.
+// frame wait, dequeue, copy into one buffer (or the next of `copies`), queue
+// again.
 class RawCapture {
  public:
-  RawCapture(const char* path, int width, int height) {
+  RawCapture(const char* path, int width, int height, size_t copies = 1) {
     fd_ = v4l2_open(path, O_RDWR | O_NONBLOCK);
     if (fd_ == -1) {
       error_ = "cannot open the node";
@@ -226,7 +246,17 @@ class RawCapture {
         return;
       }
     }
-    copy_.resize(fmt.fmt.pix.sizeimage);
+    // Page-aligned and touched, as the library's client buffers are.
+    copyBytes_ = fmt.fmt.pix.sizeimage;
+    const size_t stride = (copyBytes_ + 4095) / 4096 * 4096;
+    for (size_t i = 0; i < copies; ++i) {
+      copies_.emplace_back(static_cast<uint8_t*>(std::aligned_alloc(4096, stride)));
+      if (!copies_.back()) {
+        error_ = "out of memory";
+        return;
+      }
+      std::memset(copies_.back().get(), 0, stride);
+    }
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     if (xioctl(fd_, VIDIOC_STREAMON, &type) != 0) error_ = "STREAMON failed";
   }
@@ -249,7 +279,9 @@ class RawCapture {
     if (::poll(&pfd, 1, timeoutMs) != 1) return false;
     v4l2_buffer buf = buffer(0);
     if (xioctl(fd_, VIDIOC_DQBUF, &buf) != 0 || buf.index >= maps_.size()) return false;
-    std::memcpy(copy_.data(), maps_[buf.index].start, std::min<size_t>(buf.bytesused, copy_.size()));
+    uint8_t* to = copies_[next_].get();
+    next_ = (next_ + 1) % copies_.size();
+    std::memcpy(to, maps_[buf.index].start, std::min<size_t>(buf.bytesused, copyBytes_));
     benchmark::ClobberMemory();
     return xioctl(fd_, VIDIOC_QBUF, &buf) == 0;
   }
@@ -267,10 +299,16 @@ class RawCapture {
     return buf;
   }
 
+  struct Free {
+    void operator()(uint8_t* p) const { std::free(p); }
+  };
+
   int fd_ = -1;
   std::string error_;
   std::vector<Map> maps_;
-  std::vector<uint8_t> copy_;
+  std::vector<std::unique_ptr<uint8_t, Free>> copies_;
+  size_t copyBytes_ = 0;
+  size_t next_ = 0;
 };
 
 // A fresh emulated camera running free on /dev/video0, for the raw loops;
@@ -298,12 +336,14 @@ void RawV4l2Fps(benchmark::State& state) {
     // Warm-up, as for the library: the first frames after STREAMON.
     if (error.empty() && !(capture.frame() && capture.frame())) error = "no frame arrived";
     if (!error.empty()) state.SkipWithError(error.c_str());
+    const double cpuBefore = threadCpuSeconds();
     for (auto _ : state) {
       if (!error.empty() || !capture.frame()) {
         if (error.empty()) state.SkipWithError("frames stopped arriving");
         break;
       }
     }
+    setConsumerCpu(state, cpuBefore, threadCpuSeconds(), state.iterations());
   }
   tqsim::reset();
   state.SetItemsProcessed(state.iterations());
@@ -311,10 +351,14 @@ void RawV4l2Fps(benchmark::State& state) {
 }
 
 // The library and the raw loop take turns on the same free-running node for a
-// quarter second each, the first of a pair alternating; the ratio of each
-// pair's rates is kept, and their median is not moved by a host whose speed
-// drifts over seconds, as separate repetitions are. Counters: ratio, api_fps
-// and raw_fps (medians over the pairs). Reference, no goal.
+// quarter second each, the one to go first rotating; the ratio of each round's
+// rates is kept, and their median is not moved by a host whose speed drifts
+// over seconds, as separate repetitions are. A third turn runs the raw loop
+// copying into four buffers in turn, the work the library does for a client
+// with four: what the baseline's one buffer, staying in the cache, is worth.
+// Counters: ratio (library / raw loop), ratio4 (library / raw loop with four
+// buffers), api_fps, raw_fps, raw4_fps (medians over the rounds). Reference,
+// no goal.
 void StreamFpsPaired(benchmark::State& state) {
   constexpr auto kSlice = std::chrono::milliseconds(250);
   const int width = widthOf(state);
@@ -336,8 +380,8 @@ void StreamFpsPaired(benchmark::State& state) {
     return static_cast<double>(frames) / std::chrono::duration<double>(d).count();
   };
   // Frames per second after two warm-up frames; 0 (and `error` set) on failure.
-  auto rawSlice = [&] {
-    RawCapture capture("/dev/video0", width, height);
+  auto rawSlice = [&](size_t copies) {
+    RawCapture capture("/dev/video0", width, height, copies);
     error = capture.error();
     if (error.empty() && !(capture.frame() && capture.frame())) error = "no frame arrived (raw)";
     const auto begin = Clock::now();
@@ -362,21 +406,23 @@ void StreamFpsPaired(benchmark::State& state) {
     if (error.empty() && n == 0) error = "frames stopped arriving";
     return error.empty() ? rate(n, end - begin) : 0.0;
   };
-  std::vector<double> ratios, apiFps, rawFps;
+  std::vector<double> ratios, ratios4, apiFps, rawFps, raw4Fps;
   for (auto _ : state) {
-    const bool rawFirst = ratios.size() % 2 == 0;
-    double raw = 0;
-    double api = 0;
-    if (rawFirst) raw = rawSlice();
-    if (error.empty()) api = apiSlice();
-    if (error.empty() && !rawFirst) raw = rawSlice();
+    double fps[3] = {};  // library, raw loop, raw loop with four buffers
+    const size_t first = apiFps.size() % 3;
+    for (size_t k = 0; k < 3 && error.empty(); ++k) {
+      const size_t turn = (first + k) % 3;
+      fps[turn] = turn == 0 ? apiSlice() : rawSlice(turn == 1 ? 1 : bench::StreamClient::kBuffers);
+    }
     if (!error.empty()) {
       state.SkipWithError(error.c_str());
       return;
     }
-    ratios.push_back(api / raw);
-    apiFps.push_back(api);
-    rawFps.push_back(raw);
+    ratios.push_back(fps[0] / fps[1]);
+    ratios4.push_back(fps[0] / fps[2]);
+    apiFps.push_back(fps[0]);
+    rawFps.push_back(fps[1]);
+    raw4Fps.push_back(fps[2]);
   }
   auto median = [](std::vector<double> v) {
     if (v.empty()) return 0.0;
@@ -385,8 +431,10 @@ void StreamFpsPaired(benchmark::State& state) {
     return v.size() % 2 != 0 ? v[mid] : (v[mid - 1] + v[mid]) / 2;
   };
   state.counters["ratio"] = median(ratios);
+  state.counters["ratio4"] = median(ratios4);
   state.counters["api_fps"] = median(apiFps);
   state.counters["raw_fps"] = median(rawFps);
+  state.counters["raw4_fps"] = median(raw4Fps);
 }
 
 enum class StopCase { Paced, FreeRun, Idle };
