@@ -186,7 +186,8 @@ void ApiStreamFps(benchmark::State& state) {
       break;
     }
   }
-  setConsumerCpu(state, cpuBefore, client.delivererCpuSeconds(), client.frames() - (target - state.iterations()));
+  setConsumerCpu(state, cpuBefore, client.delivererCpuSeconds(),
+                 client.frames() - (target - state.iterations()));
   state.SetItemsProcessed(state.iterations());
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
 }

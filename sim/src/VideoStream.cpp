@@ -793,8 +793,9 @@ bool VideoStream::consumeFrameSignal() {
     pollfd ready{eventFd_, POLLIN, 0};
     const auto left = std::max(Clock::duration::zero(), deadline - Clock::now());
     const auto secs = std::chrono::duration_cast<std::chrono::seconds>(left);
-    const timespec wait{static_cast<time_t>(secs.count()),
-                        static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - secs).count())};
+    const timespec wait{
+        static_cast<time_t>(secs.count()),
+        static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - secs).count())};
     const int rc = real::ppoll(&ready, 1, &wait, nullptr);
     if (rc == 1) break;
     if (rc == -1 && errno == EINTR) continue;

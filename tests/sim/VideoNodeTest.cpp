@@ -324,7 +324,8 @@ TEST_F(VideoNode, ReadableOnlyWhileAFrameWaits) {
       v4l2_buffer buf = mmapBuffer();
       if (ioctl(fd, VIDIOC_DQBUF, &buf) == 0) ++taken;
       return taken == kBuffers;
-    })) << "round " << round << ": " << taken << " frames";
+    })) << "round "
+        << round << ": " << taken << " frames";
     // Every buffer is out: no frame can come, so nothing may be readable.
     pollfd p{fd, POLLIN, 0};
     ASSERT_EQ(poll(&p, 1, 0), 0) << "readable with no frame in round " << round;
