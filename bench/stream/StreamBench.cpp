@@ -59,7 +59,7 @@ int heightOf(const benchmark::State& state) { return static_cast<int>(state.rang
 class FrameRing {
  public:
   FrameRing(size_t bytes, size_t count) : bytes_(bytes), count_(count) {
-    stride_ = (bytes + 4095) / 4096 * 4096;
+    stride_ = bench::pageRound(bytes);
     memory_.reset(static_cast<uint8_t*>(std::aligned_alloc(4096, stride_ * count)));
     if (!memory_) return;
     for (size_t i = 0; i < count; ++i) tqsim::fillFrame(at(i), bytes, static_cast<uint32_t>(i));
@@ -69,13 +69,10 @@ class FrameRing {
   size_t size() const { return count_; }
 
  private:
-  struct Free {
-    void operator()(uint8_t* p) const { std::free(p); }
-  };
   size_t bytes_;
   size_t count_;
   size_t stride_ = 0;
-  std::unique_ptr<uint8_t, Free> memory_;
+  bench::PageMemory memory_;
 };
 
 void ignoreFrame(uint32_t, uint32_t, void*, _tagTqUvcDataBlockInfo*, uint64_t) {}
@@ -249,14 +246,12 @@ class RawCapture {
     }
     // Page-aligned and touched, as the library's client buffers are.
     copyBytes_ = fmt.fmt.pix.sizeimage;
-    const size_t stride = (copyBytes_ + 4095) / 4096 * 4096;
     for (size_t i = 0; i < copies; ++i) {
-      copies_.emplace_back(static_cast<uint8_t*>(std::aligned_alloc(4096, stride)));
+      copies_.push_back(bench::zeroedPages(copyBytes_));
       if (!copies_.back()) {
         error_ = "out of memory";
         return;
       }
-      std::memset(copies_.back().get(), 0, stride);
     }
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     if (xioctl(fd_, VIDIOC_STREAMON, &type) != 0) error_ = "STREAMON failed";
@@ -300,14 +295,10 @@ class RawCapture {
     return buf;
   }
 
-  struct Free {
-    void operator()(uint8_t* p) const { std::free(p); }
-  };
-
   int fd_ = -1;
   std::string error_;
   std::vector<Map> maps_;
-  std::vector<std::unique_ptr<uint8_t, Free>> copies_;
+  std::vector<bench::PageMemory> copies_;
   size_t copyBytes_ = 0;
   size_t next_ = 0;
 };
