@@ -204,34 +204,44 @@ void runStream(CaptureThread::Stream& s) {
   pollfd fds[2] = {{fd, POLLIN, 0}, {s.wake.get(), POLLIN, 0}};
   const nfds_t nfds = s.wake.valid() ? 2 : 1;
   while (!s.stop) {
-    fds[0].revents = 0;
-    fds[1].revents = 0;
-    int rc = poll(fds, nfds, kWaitTimeoutMs);
-    if (rc == 0) {
-      LIBLog.Error("CaptureThread::ThreadRoutine: error in select: timeout expired\n");
-      continue;
-    }
-    if (rc == -1 || (fds[0].revents & POLLNVAL) != 0) {
-      // select fails with EBADF where poll flags the descriptor.
-      const int err = rc == -1 ? errno : EBADF;
-      if (err == EINTR) {
-        LIBLog.Error("CaptureThread::ThreadRoutine: interrupted system call\n");
+    v4l2_buffer buf = mmapBuffer(0);
+    int rc = 1;
+    int retval = 0;
+    // A frame already waiting is taken without waiting: the wait would have
+    // answered at once. So would it for a node in error, so those failures are
+    // reported as after a wait. Only a dequeue that found no frame (or no
+    // descriptor, which the wait reports its own way) waits first.
+    bool dequeued = v4l2_ioctl(fd, VIDIOC_DQBUF, &buf) == 0;
+    int err = dequeued ? 0 : errno;
+    if (!dequeued && (err == EAGAIN || err == EINTR || err == EBADF)) {
+      fds[0].revents = 0;
+      fds[1].revents = 0;
+      rc = poll(fds, nfds, kWaitTimeoutMs);
+      if (rc == 0) {
+        LIBLog.Error("CaptureThread::ThreadRoutine: error in select: timeout expired\n");
         continue;
       }
-      LIBLog.Error("CaptureThread::ThreadRoutine: select returned error: \"%s\" (errno:%d)\n", strerror(err),
-                   err);
-      return;
+      if (rc == -1 || (fds[0].revents & POLLNVAL) != 0) {
+        // select fails with EBADF where poll flags the descriptor.
+        err = rc == -1 ? errno : EBADF;
+        if (err == EINTR) {
+          LIBLog.Error("CaptureThread::ThreadRoutine: interrupted system call\n");
+          continue;
+        }
+        LIBLog.Error("CaptureThread::ThreadRoutine: select returned error: \"%s\" (errno:%d)\n",
+                     strerror(err), err);
+        return;
+      }
+      if (s.stop) break;
+      if (fds[0].revents == 0) continue;
+      // POLLERR/POLLHUP count as readable, as select reports them; the dequeue
+      // then tells what happened. select's count for the node alone is 1.
+      rc = 1;
+      buf = mmapBuffer(0);
+      dequeued = xioctl(fd, VIDIOC_DQBUF, &buf, &s.stop) == 0;
+      err = dequeued ? 0 : errno;
     }
-    if (s.stop) break;
-    if (fds[0].revents == 0) continue;
-    // POLLERR/POLLHUP count as readable, as select reports them; the dequeue
-    // then tells what happened. select's count for the node alone is 1.
-    rc = 1;
-
-    v4l2_buffer buf = mmapBuffer(0);
-    int retval = 0;
-    if (xioctl(fd, VIDIOC_DQBUF, &buf, &s.stop) != 0) {
-      const int err = errno;
+    if (!dequeued) {
       if (s.stop && (err == EAGAIN || err == EINTR)) break;
       LIBLog.Error("CaptureThread::ThreadRoutine: xioctl VIDIOC_DQBUF returned error: \"%s\" (errno:%d)\n",
                    strerror(err), err);

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <future>
+#include <iterator>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -359,6 +360,46 @@ TEST_F(StreamingTest, ThreadPassesOnWhatTheDriverDeliversAndOutlivesItsFaults) {
   ASSERT_TRUE(waitUntil([&] { return log.count(timedOut) > timeouts; }, 4s));
   closeInTime(capture, 1s);
   EXPECT_EQ(log.countExact("CaptureThread::ThreadRoutine: CLEANUP cap thread"), 1u);
+}
+
+// A camera running free whose every dequeue fails: each frame lost that way
+// reaches the callback once without data and is logged once, also a frame that
+// was already waiting when the thread came round for the next.
+TEST_F(StreamingTest, EveryFrameLostToAFailingDequeueIsReportedOnce) {
+  tqsim::reset();
+  tqsim::CameraConfig config = tqsim::defaultCameraConfig();
+  config.video.freeRun = true;
+  id_ = plug(config);
+  tqtest::LogCapture log;
+  CaptureThread capture;
+  openAndChoose(capture, 320, 240);
+  ASSERT_EQ(capture.start(), 0);
+  ASSERT_TRUE(sink_.waitForFrames(3));
+  setFaults(id_, [](VideoFaults& f) { f.dqbufErrno = EIO; });
+  auto failures = [](const std::vector<Frame>& frames) {
+    return std::count_if(frames.begin(), frames.end(), [](const Frame& f) { return f.size == 0; });
+  };
+  ASSERT_TRUE(sink_.waitFor([&](const std::vector<Frame>& f) { return failures(f) >= 300; }));
+  setFaults(id_, [](VideoFaults& f) { f.dqbufErrno = 0; });
+  ASSERT_TRUE(sink_.waitFor([&](const std::vector<Frame>& f) { return f.back().patternOk; }));
+  closeInTime(capture);
+
+  // The driver numbers the frames it fills: the failures are the frames
+  // missing between the last good frame before and the first after.
+  const auto frames = sink_.frames();
+  const auto firstFailed =
+      std::find_if(frames.begin(), frames.end(), [](const Frame& f) { return f.size == 0; });
+  ASSERT_NE(firstFailed, frames.begin());
+  ASSERT_NE(firstFailed, frames.end());
+  const auto nextGood = std::find_if(firstFailed, frames.end(), [](const Frame& f) { return f.size != 0; });
+  ASSERT_NE(nextGood, frames.end());
+  const auto before = std::prev(firstFailed);
+  ASSERT_TRUE(before->patternOk && nextGood->patternOk);
+  const auto reported = static_cast<uint32_t>(nextGood - firstFailed);
+  EXPECT_EQ(reported, nextGood->number - before->number - 1) << "frames lost without a word";
+  EXPECT_EQ(
+      log.count("CaptureThread::ThreadRoutine: xioctl VIDIOC_DQBUF returned error: \"Input/output error\""),
+      static_cast<size_t>(failures(frames)));
 }
 
 // A node that polls readable while every dequeue answers EAGAIN: the retry
