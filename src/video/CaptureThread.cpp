@@ -125,6 +125,36 @@ v4l2_buffer mmapBuffer(uint32_t index) {
   return buf;
 }
 
+enum class NodeWait { Ready, Again, Stopped, Failed };
+
+// One wait for the node (`fds`: the node, then the wake descriptor), with the
+// results select gives and its log lines: Again after a time-out or EINTR,
+// Failed (the thread ends) on any other error.
+NodeWait waitForNode(const CaptureThread::Stream& s, pollfd* fds, nfds_t nfds) {
+  fds[0].revents = 0;
+  fds[1].revents = 0;
+  const int rc = poll(fds, nfds, kWaitTimeoutMs);
+  if (rc == 0) {
+    LIBLog.Error("CaptureThread::ThreadRoutine: error in select: timeout expired\n");
+    return NodeWait::Again;
+  }
+  if (rc == -1 || (fds[0].revents & POLLNVAL) != 0) {
+    // select fails with EBADF where poll flags the descriptor.
+    const int err = rc == -1 ? errno : EBADF;
+    if (err == EINTR) {
+      LIBLog.Error("CaptureThread::ThreadRoutine: interrupted system call\n");
+      return NodeWait::Again;
+    }
+    LIBLog.Error("CaptureThread::ThreadRoutine: select returned error: \"%s\" (errno:%d)\n", strerror(err),
+                 err);
+    return NodeWait::Failed;
+  }
+  if (s.stop) return NodeWait::Stopped;
+  // POLLERR/POLLHUP count as readable, as select reports them; the dequeue
+  // then tells what happened.
+  return fds[0].revents != 0 ? NodeWait::Ready : NodeWait::Again;
+}
+
 // The thread's body. Returns early (node left open, buffers mapped, `running`
 // left set) on the failures that end a stream; `close` releases those.
 void runStream(CaptureThread::Stream& s) {
@@ -203,46 +233,39 @@ void runStream(CaptureThread::Stream& s) {
   // only ends the wait; the results for the node are those select gives.
   pollfd fds[2] = {{fd, POLLIN, 0}, {s.wake.get(), POLLIN, 0}};
   const nfds_t nfds = s.wake.valid() ? 2 : 1;
+  // Turns that wait first after an early dequeue found no frame: a client
+  // keeping up with the camera then costs one extra dequeue in that many.
+  constexpr int kTurnsBetweenEarlyTries = 8;
+  int waitFirstTurns = 0;
   while (!s.stop) {
     v4l2_buffer buf = mmapBuffer(0);
-    int rc = 1;
     int retval = 0;
-    // A frame already waiting is taken without waiting: the wait would have
-    // answered at once. So would it for a node in error, so those failures are
-    // reported as after a wait. Only a dequeue that found no frame (or no
-    // descriptor, which the wait reports its own way) waits first.
-    bool dequeued = v4l2_ioctl(fd, VIDIOC_DQBUF, &buf) == 0;
-    int err = dequeued ? 0 : errno;
-    if (!dequeued && (err == EAGAIN || err == EINTR || err == EBADF)) {
-      fds[0].revents = 0;
-      fds[1].revents = 0;
-      rc = poll(fds, nfds, kWaitTimeoutMs);
-      if (rc == 0) {
-        LIBLog.Error("CaptureThread::ThreadRoutine: error in select: timeout expired\n");
-        continue;
-      }
-      if (rc == -1 || (fds[0].revents & POLLNVAL) != 0) {
-        // select fails with EBADF where poll flags the descriptor.
-        err = rc == -1 ? errno : EBADF;
-        if (err == EINTR) {
-          LIBLog.Error("CaptureThread::ThreadRoutine: interrupted system call\n");
-          continue;
-        }
-        LIBLog.Error("CaptureThread::ThreadRoutine: select returned error: \"%s\" (errno:%d)\n",
-                     strerror(err), err);
-        return;
-      }
-      if (s.stop) break;
-      if (fds[0].revents == 0) continue;
-      // POLLERR/POLLHUP count as readable, as select reports them; the dequeue
-      // then tells what happened. select's count for the node alone is 1.
-      rc = 1;
+    // A frame already finished is taken without waiting: the wait would have
+    // answered at once. So would it for a node in error, so such a failure is
+    // reported below as after a wait. One attempt, no retry: only "no frame
+    // yet" (or a descriptor that is not there) goes to the wait.
+    bool dequeued = false;
+    int err = EAGAIN;
+    if (waitFirstTurns > 0) {
+      --waitFirstTurns;
+    } else {
+      dequeued = v4l2_ioctl(fd, VIDIOC_DQBUF, &buf) == 0;
+      err = dequeued ? 0 : errno;
+      if (err == EAGAIN) waitFirstTurns = kTurnsBetweenEarlyTries;
+    }
+    const bool noDescriptor = err == EBADF && fcntl(fd, F_GETFD) == -1;
+    if (!dequeued && (err == EAGAIN || err == EINTR || noDescriptor)) {
+      const NodeWait wait = waitForNode(s, fds, nfds);
+      if (wait == NodeWait::Again) continue;
+      if (wait == NodeWait::Stopped) break;
+      if (wait == NodeWait::Failed) return;
       buf = mmapBuffer(0);
       dequeued = xioctl(fd, VIDIOC_DQBUF, &buf, &s.stop) == 0;
       err = dequeued ? 0 : errno;
+      // This dequeue retries EAGAIN/EINTR until a stop, which then ends it.
+      if (!dequeued && s.stop && (err == EAGAIN || err == EINTR)) break;
     }
     if (!dequeued) {
-      if (s.stop && (err == EAGAIN || err == EINTR)) break;
       LIBLog.Error("CaptureThread::ThreadRoutine: xioctl VIDIOC_DQBUF returned error: \"%s\" (errno:%d)\n",
                    strerror(err), err);
       // The node went away (unplug): every later call fails the same way, so
@@ -254,9 +277,10 @@ void runStream(CaptureThread::Stream& s) {
     // A driver index outside the mapped set (or no buffers at all) is passed
     // on as no data rather than read out of bounds.
     void* start = buf.index < s.buffers.size() ? s.buffers[buf.index].start() : nullptr;
+    // rc is what select would have counted: the node alone, 1.
     LIBLog.Trace("VIDIOC_DQBUF: id nr:%d start:%p used:%d flags:%d (rc = %d retval = %d)\n",
                  static_cast<int>(buf.index), start, static_cast<int>(buf.bytesused),
-                 static_cast<int>(buf.flags), rc, retval);
+                 static_cast<int>(buf.flags), 1, retval);
     CaptureCallback callback;
     void* context;
     uint32_t cameraIndex;
