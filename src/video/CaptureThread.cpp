@@ -233,10 +233,6 @@ void runStream(CaptureThread::Stream& s) {
   // only ends the wait; the results for the node are those select gives.
   pollfd fds[2] = {{fd, POLLIN, 0}, {s.wake.get(), POLLIN, 0}};
   const nfds_t nfds = s.wake.valid() ? 2 : 1;
-  // Turns that wait first after an early dequeue found no frame: a client
-  // keeping up with the camera then costs one extra dequeue in that many.
-  constexpr int kTurnsBetweenEarlyTries = 8;
-  int waitFirstTurns = 0;
   while (!s.stop) {
     v4l2_buffer buf = mmapBuffer(0);
     int retval = 0;
@@ -244,15 +240,8 @@ void runStream(CaptureThread::Stream& s) {
     // answered at once. So would it for a node in error, so such a failure is
     // reported below as after a wait. One attempt, no retry: only "no frame
     // yet" (or a descriptor that is not there) goes to the wait.
-    bool dequeued = false;
-    int err = EAGAIN;
-    if (waitFirstTurns > 0) {
-      --waitFirstTurns;
-    } else {
-      dequeued = v4l2_ioctl(fd, VIDIOC_DQBUF, &buf) == 0;
-      err = dequeued ? 0 : errno;
-      if (err == EAGAIN) waitFirstTurns = kTurnsBetweenEarlyTries;
-    }
+    bool dequeued = v4l2_ioctl(fd, VIDIOC_DQBUF, &buf) == 0;
+    int err = dequeued ? 0 : errno;
     const bool noDescriptor = err == EBADF && fcntl(fd, F_GETFD) == -1;
     if (!dequeued && (err == EAGAIN || err == EINTR || noDescriptor)) {
       const NodeWait wait = waitForNode(s, fds, nfds);
