@@ -187,7 +187,10 @@ class StreamClient {
   bool waitFor(uint64_t target) {
     target_.store(target);
     std::unique_lock<std::mutex> lock(mutex_);
-    return arrived_.wait_for(lock, kFrameTimeout, [&] { return frames_.load() >= target; });
+    const bool reached = arrived_.wait_for(lock, kFrameTimeout, [&] { return frames_.load() >= target; });
+    // Nobody waits any more: later frames must not take the lock.
+    target_.store(UINT64_MAX);
+    return reached;
   }
 
   static void callback(uint32_t index, uint32_t request, void*, _tagTqUvcDataBlockInfo*, uint64_t context) {

@@ -153,8 +153,8 @@ void setConsumerCpu(benchmark::State& state, double before, double after, uint64
 
 void ApiStreamFps(benchmark::State& state) {
   // One iteration is a slice of time the bench thread sleeps through, so it
-  // wakes a few times a second, not per frame: the raw loop has no third
-  // thread, and one waking on the capture thread's CPU would preempt it.
+  // wakes ten times a second instead of every 256 frames: the raw loop has no
+  // third thread, and one waking on the capture thread's CPU would preempt it.
   constexpr auto kSlice = std::chrono::milliseconds(100);
   const int width = widthOf(state);
   const int height = heightOf(state);

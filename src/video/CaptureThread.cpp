@@ -237,9 +237,9 @@ void runStream(CaptureThread::Stream& s) {
     v4l2_buffer buf = mmapBuffer(0);
     int retval = 0;
     // A frame already finished is taken without waiting: the wait would have
-    // answered at once. So would it for a node in error, so such a failure is
-    // reported below as after a wait. One attempt, no retry: only "no frame
-    // yet" (or a descriptor that is not there) goes to the wait.
+    // answered at once. One attempt, no retry. Only EAGAIN, EINTR or EBADF on
+    // a closed descriptor go to the wait; any other failure is reported below
+    // as after a wait (a node in error polls readable at once).
     bool dequeued = v4l2_ioctl(fd, VIDIOC_DQBUF, &buf) == 0;
     int err = dequeued ? 0 : errno;
     const bool noDescriptor = err == EBADF && fcntl(fd, F_GETFD) == -1;
