@@ -145,6 +145,10 @@ def main(paths):
                 print(f"reference: {name}: taking turns on one node, the library at {r['ratio']:.2f} x the raw "
                       f"loop's rate and at {r['ratio4']:.2f} x the raw loop copying into four buffers in turn "
                       f"(medians of ten rounds; {r['api_fps']:.0f}, {r['raw_fps']:.0f}, {r['raw4_fps']:.0f} fps)")
+                if all(r.get(k) for k in ("api_cpu_us", "raw_cpu_us", "raw4_cpu_us")):
+                    print(f"reference: {name}: consumer CPU per frame in those turns {r['api_cpu_us']:.1f}, "
+                          f"{r['raw_cpu_us']:.1f}, {r['raw4_cpu_us']:.1f} us "
+                          f"({r['api_cpu_us'] / r['raw_cpu_us']:.2f} x, {r['api_cpu_us'] / r['raw4_cpu_us']:.2f} x)")
         elif name.startswith("ApiStreamFps/") and "consumer_cpu_us" in runs[name]:
             api = runs[name]["consumer_cpu_us"]
             base = runs.get(f"RawV4l2Fps/{dims}", {}).get("consumer_cpu_us")

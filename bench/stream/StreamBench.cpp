@@ -355,8 +355,9 @@ void RawV4l2Fps(benchmark::State& state) {
 // copying into four buffers in turn, the work the library does for a client
 // with four: what the baseline's one buffer, staying in the cache, is worth.
 // Counters: ratio (library / raw loop), ratio4 (library / raw loop with four
-// buffers), api_fps, raw_fps, raw4_fps (medians over the rounds). Reference,
-// no goal.
+// buffers), api_fps, raw_fps, raw4_fps, and the consumer's CPU per frame of
+// each turn, api_cpu_us, raw_cpu_us, raw4_cpu_us (medians over the rounds).
+// Reference, no goal.
 void StreamFpsPaired(benchmark::State& state) {
   constexpr auto kSlice = std::chrono::milliseconds(250);
   const int width = widthOf(state);
@@ -377,40 +378,54 @@ void StreamFpsPaired(benchmark::State& state) {
   auto rate = [](uint64_t frames, Clock::duration d) {
     return static_cast<double>(frames) / std::chrono::duration<double>(d).count();
   };
+  // Consumer CPU per frame of the last slice, in microseconds.
+  double sliceCpuUs = 0;
+  auto cpuPerFrameUs = [](double before, double after, uint64_t frames) {
+    return before >= 0 && after > before && frames > 0 ? (after - before) * 1e6 / static_cast<double>(frames)
+                                                       : 0.0;
+  };
   // Frames per second after two warm-up frames; 0 (and `error` set) on failure.
   auto rawSlice = [&](size_t copies) {
+    sliceCpuUs = 0;
     RawCapture capture("/dev/video0", width, height, copies);
     error = capture.error();
     if (error.empty() && !(capture.frame() && capture.frame())) error = "no frame arrived (raw)";
     const auto begin = Clock::now();
+    const double cpuBefore = threadCpuSeconds();
     uint64_t n = 0;
     while (error.empty() && Clock::now() - begin < kSlice) {
       if (!capture.frame()) error = "frames stopped arriving (raw)";
       ++n;
     }
+    sliceCpuUs = cpuPerFrameUs(cpuBefore, threadCpuSeconds(), n);
     return error.empty() ? rate(n, Clock::now() - begin) : 0.0;
   };
   // The bench thread sleeps through the slice: no wake-up per frame.
   auto apiSlice = [&] {
+    sliceCpuUs = 0;
     error = client.start();
     if (!error.empty()) return 0.0;
     if (!client.waitFor(client.frames() + 2)) error = "no frame arrived";
     const uint64_t first = client.frames();
     const auto begin = Clock::now();
+    const double cpuBefore = client.delivererCpuSeconds();
     std::this_thread::sleep_for(kSlice);
     const uint64_t n = client.frames() - first;
     const auto end = Clock::now();
+    sliceCpuUs = cpuPerFrameUs(cpuBefore, client.delivererCpuSeconds(), client.frames() - first);
     client.stop();
     if (error.empty() && n == 0) error = "frames stopped arriving";
     return error.empty() ? rate(n, end - begin) : 0.0;
   };
   std::vector<double> ratios, ratios4, apiFps, rawFps, raw4Fps;
+  std::vector<double> cpuUs[3];  // consumer CPU per frame of each turn
   for (auto _ : state) {
     double fps[3] = {};  // library, raw loop, raw loop with four buffers
     const size_t first = apiFps.size() % 3;
     for (size_t k = 0; k < 3 && error.empty(); ++k) {
       const size_t turn = (first + k) % 3;
       fps[turn] = turn == 0 ? apiSlice() : rawSlice(turn == 1 ? 1 : bench::StreamClient::kBuffers);
+      if (sliceCpuUs > 0) cpuUs[turn].push_back(sliceCpuUs);
     }
     if (!error.empty()) {
       state.SkipWithError(error.c_str());
@@ -433,6 +448,9 @@ void StreamFpsPaired(benchmark::State& state) {
   state.counters["api_fps"] = median(apiFps);
   state.counters["raw_fps"] = median(rawFps);
   state.counters["raw4_fps"] = median(raw4Fps);
+  state.counters["api_cpu_us"] = median(cpuUs[0]);
+  state.counters["raw_cpu_us"] = median(cpuUs[1]);
+  state.counters["raw4_cpu_us"] = median(cpuUs[2]);
 }
 
 enum class StopCase { Paced, FreeRun, Idle };
