@@ -146,9 +146,15 @@ double threadCpuSeconds() {
 // from the node and copies them (the capture thread, or the raw loop's),
 // sleeps and wake-ups included. Unlike the rate it does not depend on how the
 // host times the two threads' wake-ups.
+// Microseconds of CPU per frame between two clock readings; 0 when unknown.
+double cpuPerFrameUs(double before, double after, uint64_t frames) {
+  return before >= 0 && after > before && frames > 0 ? (after - before) * 1e6 / static_cast<double>(frames)
+                                                     : 0.0;
+}
+
 void setConsumerCpu(benchmark::State& state, double before, double after, uint64_t frames) {
-  if (before >= 0 && after > before && frames > 0)
-    state.counters["consumer_cpu_us"] = (after - before) * 1e6 / static_cast<double>(frames);
+  const double us = cpuPerFrameUs(before, after, frames);
+  if (us > 0) state.counters["consumer_cpu_us"] = us;
 }
 
 void ApiStreamFps(benchmark::State& state) {
@@ -380,10 +386,6 @@ void StreamFpsPaired(benchmark::State& state) {
   };
   // Consumer CPU per frame of the last slice, in microseconds.
   double sliceCpuUs = 0;
-  auto cpuPerFrameUs = [](double before, double after, uint64_t frames) {
-    return before >= 0 && after > before && frames > 0 ? (after - before) * 1e6 / static_cast<double>(frames)
-                                                       : 0.0;
-  };
   // Frames per second after two warm-up frames; 0 (and `error` set) on failure.
   auto rawSlice = [&](size_t copies) {
     sliceCpuUs = 0;
