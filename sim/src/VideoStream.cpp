@@ -28,9 +28,6 @@ constexpr uint32_t kMaxBuffers = 32;
 constexpr size_t kFillSlice = 256 * 1024;
 // How often an idle or waiting producer looks at faults and the plug state.
 constexpr std::chrono::milliseconds kFaultPoll{10};
-// Longest a dequeue waits for the signal of a frame it took (see
-// consumeFrameSignal); the producer sends it right after publishing.
-constexpr int kSignalWaitMs = 100;
 constexpr v4l2_fract kDefaultInterval{1, 30};
 // uvcvideo's metadata buffer size.
 constexpr uint32_t kMetaBufferSize = 10240;
@@ -758,10 +755,11 @@ void VideoStream::dropReadyFramesLocked() {
     done_.pop_front();
     consumeFrameSignal();
   }
-  // The producer is gone: whatever count is left over (of a dequeue that gave
-  // up waiting for it) goes too, so the next stream starts unreadable. A
-  // broken stream keeps its count: it stays readable.
+  // The producer is gone: whatever count is left over, or owed, goes too, so
+  // the next stream starts unreadable. A broken stream keeps its count: it
+  // stays readable.
   if (broken_) return;
+  std::lock_guard<std::mutex> lock(signalMutex_);
   pollfd ready{eventFd_, POLLIN, 0};
   const timespec now{};
   uint64_t value = 0;
@@ -772,34 +770,32 @@ void VideoStream::dropReadyFramesLocked() {
 }
 
 bool VideoStream::signalFrame() {
-  // A dequeue that gave up waiting for a count is owed one: this is it, so it
-  // is not added.
-  for (uint32_t owed = owedSignals_.load(); owed != 0;) {
-    if (owedSignals_.compare_exchange_weak(owed, owed - 1)) return true;
+  std::lock_guard<std::mutex> lock(signalMutex_);
+  // A dequeue that took the frame before its count came is owed it: this is
+  // it, so it is not added.
+  if (owedSignals_ != 0) {
+    --owedSignals_;
+    return true;
   }
   uint64_t one = 1;
   return write(eventFd_, &one, sizeof(one)) == static_cast<ssize_t>(sizeof(one));
 }
 
 bool VideoStream::consumeFrameSignal() {
-  // The producer signals a frame just after publishing it, outside the lock,
-  // so a frame taken at once may find its count still coming: wait for it
-  // (briefly: nothing else stands between the two). The descriptor may be a
-  // blocking one, so look before reading; at the eventfd itself, not through
-  // the node's poll, which answers at once for a stream that was stopped.
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(kSignalWaitMs);
-  for (;;) {
-    pollfd ready{eventFd_, POLLIN, 0};
-    const auto left = std::max(Clock::duration::zero(), deadline - Clock::now());
-    const auto secs = std::chrono::duration_cast<std::chrono::seconds>(left);
-    const timespec wait{
-        static_cast<time_t>(secs.count()),
-        static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - secs).count())};
-    const int rc = real::ppoll(&ready, 1, &wait, nullptr);
-    if (rc == 1) break;
-    if (rc == -1 && errno == EINTR) continue;
-    // Not come in time: the producer leaves out its next count instead.
+  // The producer signals a frame just after publishing it, outside the
+  // stream's lock, so a frame taken at once may find its count not yet there.
+  // Then the producer leaves that count out instead: decided under one lock
+  // with the producer's, so the count never exceeds the frames ready, and a
+  // dequeue never waits for the producer (a kernel's does not either). The
+  // descriptor may be a blocking one, so look before reading.
+  std::lock_guard<std::mutex> lock(signalMutex_);
+  pollfd ready{eventFd_, POLLIN, 0};
+  const timespec now{};
+  int rc;
+  do {
+    rc = real::ppoll(&ready, 1, &now, nullptr);
+  } while (rc == -1 && errno == EINTR);
+  if (rc != 1) {
     ++owedSignals_;
     return false;
   }

@@ -156,9 +156,11 @@ class VideoStream {
   mutable std::mutex mutex_;
   std::condition_variable wake_;
   std::atomic<bool> broken_{false};
-  // Counts a dequeue stopped waiting for (see consumeFrameSignal); the
-  // producer leaves out that many.
-  std::atomic<uint32_t> owedSignals_{0};
+  // Frame counts on eventFd_ are added and taken under this lock.
+  std::mutex signalMutex_;
+  // Counts of frames dequeued before their count came (see
+  // consumeFrameSignal); the producer leaves out that many.
+  uint32_t owedSignals_ = 0;
 
   uint32_t width_ = 0;
   uint32_t height_ = 0;
