@@ -682,6 +682,10 @@ int VideoStream::dqbuf(v4l2_buffer* buf) {
     if (!streaming_) return EINVAL;
     // dqbufAgain: readable, yet nothing to take (the frames stay ready).
     if (done_.empty() || faults.dqbufAgain) return EAGAIN;
+    // The count comes off before its frame, under the lock: a poll never
+    // finds a count without a frame, and no STREAMOFF in between leaves a
+    // debt to the next stream.
+    consumeFrameSignal();
     DoneFrame frame = done_.front();
     done_.pop_front();
     if (faultErrno != 0) {
@@ -697,9 +701,6 @@ int VideoStream::dqbuf(v4l2_buffer* buf) {
       buf->timestamp = frame.timestamp;
     }
   }
-  // The frame's count comes off outside the lock, which the producer needs
-  // for the next frame.
-  consumeFrameSignal();
   if (faultErrno != 0) {
     wake_.notify_all();
     return faultErrno;

@@ -48,7 +48,8 @@ def run(*files):
         for i, benchmarks in enumerate(files):
             paths.append(os.path.join(tmp, f"{i}.json"))
             with open(paths[-1], "w") as f:
-                json.dump({"benchmarks": benchmarks}, f)
+                if benchmarks is not None:  # None: an empty file
+                    json.dump({"benchmarks": benchmarks}, f)
         out = io.StringIO()
         with contextlib.redirect_stdout(out):
             status = bench_results.main(paths)
@@ -81,8 +82,9 @@ class Verdicts(unittest.TestCase):
 
     def test_repetitions_are_judged_by_their_median(self):
         name = "ApiReadReg/real_time"
-        benchmarks = [record(name, 500), record(name, 90), record(name, 100),
-                      aggregate(name, "mean", 230), aggregate(name, "median", 100), aggregate(name, "stddev", 232),
+        # Four repetitions: the median is none of them, and neither the first nor the last.
+        benchmarks = [record(name, 500), record(name, 90), record(name, 110), record(name, 80),
+                      aggregate(name, "mean", 195), aggregate(name, "median", 100), aggregate(name, "stddev", 203),
                       record("RawHidrawReadReg/real_time", 80)]
         out = run(benchmarks)[1]
         self.assertIn("1.25 x", out)
@@ -92,7 +94,7 @@ class Verdicts(unittest.TestCase):
         failed = dict(record("RawV4l2Fps/640/480/real_time", 0), error_occurred=True,
                       error_message="frames stopped arriving")
         status, out = run([record("ApiStreamFps/640/480/manual_time", 100, unit="ms", items_per_second=900)],
-                          [failed], [])  # an empty file: a filter that matched nothing there
+                          [failed], None)  # an empty file: a filter that matched nothing there
         self.assertRegex(out, r"RawV4l2Fps/640/480\s+not run")
         self.assertIn("FAILED RawV4l2Fps/640/480: frames stopped arriving", out)
         self.assertIn("0 goals met, 1 missed", out)
@@ -104,6 +106,12 @@ class Verdicts(unittest.TestCase):
         status, out = run(every_goal(0.97) + [paired])
         self.assertIn("8 goals met, 0 missed", out)
         self.assertEqual(status, 1)
+
+        alone = [record("ApiReadReg/real_time", 1), record("ApiScan/4/real_time", 1, unit="ms"),
+                 record("FrameCopy/320/240/real_time", 1, bytes_per_second=1e9)]
+        status, out = run(alone)
+        self.assertEqual(verdicts(out), {"ApiReadReg": "MISSED", "ApiScan/4": "MISSED", "FrameCopy/320/240": "MISSED"})
+        self.assertEqual(out.count("not run"), 3, out)
 
         stop = record("ApiStreamStop/640/480/iterations:10/manual_time", 100)  # no frame interval counted
         self.assertEqual(verdicts(run([stop])[1]), {"ApiStreamStop/640/480": "MISSED"})
